@@ -1,0 +1,3 @@
+#include "core/upgrade.h"
+
+int main(int argc, char** argv) { return upgrade_main(argc, argv); }

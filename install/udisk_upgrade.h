@@ -1,0 +1,4 @@
+// USB-disk upgrade watcher.
+#pragma once
+
+void* udisk_upgrade_func(void* arg);

@@ -237,21 +237,19 @@ void read_mtd_info() {
     len = 0;
   }
   int pos = 0;
-  auto take = [&](char* field, size_t size, bool last) {
+  // Fields end at a blank; none runs past the end of its line.
+  auto take = [&](char* field, size_t size) {
     while (pos < len && buf[pos] == ' ') ++pos;
     int start = pos;
-    while (pos < len && buf[pos] != ' ' && buf[pos] != '\n' && buf[pos] != '\0') {
-      if (!last && buf[pos] == '\n') break;
-      ++pos;
-    }
+    while (pos < len && buf[pos] != ' ' && buf[pos] != '\n' && buf[pos] != '\0') ++pos;
     append_field(field, size, buf + start, pos - start);
   };
   while (pos < len && st.mtd_num < kMaxMtd) {
     mtd_entry& m = st.mtd[st.mtd_num];
-    take(m.dev, sizeof(m.dev), false);
-    take(m.size, sizeof(m.size), false);
-    take(m.erasesize, sizeof(m.erasesize), false);
-    take(m.name, sizeof(m.name), true);
+    take(m.dev, sizeof(m.dev));
+    take(m.size, sizeof(m.size));
+    take(m.erasesize, sizeof(m.erasesize));
+    take(m.name, sizeof(m.name));
     // Whatever follows the name on its line (a label with blanks) is dropped.
     while (pos < len && buf[pos] != '\n') ++pos;
     if (pos < len) ++pos;

@@ -1,0 +1,133 @@
+// Console line forms, the two trace logs' size rules and the timestamp.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+#include "core/dbgout.h"
+#include "fakes/fake_platform.h"
+
+namespace {
+
+class TraceLog : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    setenv("TZ", "UTC", 1);
+    tzset();
+    set_network_log_open(0);
+    set_data_log_open(0);
+    set_data_log_path("/data/upgrade.log");
+  }
+  void TearDown() override {
+    set_network_log_open(0);
+    set_data_log_open(0);
+  }
+  long size_of(const std::string& camera_path) {
+    struct stat st;
+    return stat(cam.path(camera_path).c_str(), &st) == 0 ? st.st_size : -1;
+  }
+  FakeCamera cam;
+};
+
+TEST(ConsoleLines, CarryFileFunctionAndPaddedLine) {
+  testing::internal::CaptureStdout();
+  testing::internal::CaptureStderr();
+  DBG_INFO("hello %d\n", 7);
+  int line = __LINE__ - 1;
+  DBG_ERR("open /dev/watchdog failed");
+  std::string out = testing::internal::GetCapturedStdout();
+  std::string err = testing::internal::GetCapturedStderr();
+  char expect[128];
+  snprintf(expect, sizeof(expect), "DBG_INFO:test_dbgout.cpp TestBody[%04d] hello 7\n", line);
+  EXPECT_EQ(out, expect);
+  snprintf(expect, sizeof(expect), "DBG_ERR:test_dbgout.cpp TestBody[%04d] open /dev/watchdog failed",
+           line + 2);
+  EXPECT_EQ(err, expect);  // no line end of its own
+}
+
+TEST_F(TraceLog, TimestampKeepsHundredths) {
+  cam.platform().now = {1704110400, 987654};  // 2024-01-01 12:00:00.987654 UTC
+  EXPECT_STREQ(trace_timestamp(), "2024-01-01 12:00:00.98");
+  cam.platform().now.tv_usec = 5000;
+  EXPECT_STREQ(trace_timestamp(), "2024-01-01 12:00:00.00");
+}
+
+TEST_F(TraceLog, NetworkLogAppendsUpToTheLimitThenOverwritesInPlace) {
+  // Exactly at the limit: appended to.
+  cam.write("/dev/upgrade_network.log", std::string(kNetworkLogLimit, 'a'));
+  testing::internal::CaptureStdout();
+  traceout("new\n");
+  EXPECT_EQ(size_of("/dev/upgrade_network.log"), kNetworkLogLimit + 4);
+  // The position is now past the limit, so the file was closed; the next
+  // call opens it at its start and overwrites the oldest text.
+  traceout("XY");
+  testing::internal::GetCapturedStdout();
+  std::string text = cam.read("/dev/upgrade_network.log");
+  EXPECT_EQ(text.size(), static_cast<size_t>(kNetworkLogLimit + 4));
+  EXPECT_EQ(text.substr(0, 3), "XYa");
+}
+
+TEST_F(TraceLog, NetworkLogOverLimitStartsAtTheBeginning) {
+  cam.write("/dev/upgrade_network.log", std::string(kNetworkLogLimit + 1, 'a'));
+  testing::internal::CaptureStdout();
+  traceout("hello");
+  std::string console = testing::internal::GetCapturedStdout();
+  EXPECT_EQ(console, "hello");
+  std::string text = cam.read("/dev/upgrade_network.log");
+  EXPECT_EQ(text.size(), static_cast<size_t>(kNetworkLogLimit + 1));
+  EXPECT_EQ(text.substr(0, 6), "helloa");
+}
+
+TEST_F(TraceLog, NetworkLogRemovedWhileOpenReportsStatErrAndStartsAnew) {
+  testing::internal::CaptureStdout();
+  testing::internal::CaptureStderr();
+  traceout("first\n");
+  remove(cam.path("/dev/upgrade_network.log").c_str());
+  traceout("second\n");
+  traceout("third\n");
+  testing::internal::GetCapturedStdout();
+  std::string err = testing::internal::GetCapturedStderr();
+  EXPECT_NE(err.find("stat ERR"), std::string::npos);
+  EXPECT_EQ(err.find("stat ERR"), err.rfind("stat ERR"));  // once
+  EXPECT_EQ(cam.read("/dev/upgrade_network.log"), "third\n");
+}
+
+TEST_F(TraceLog, DataLogIsEmptiedOnceItPassesTheLimit) {
+  testing::internal::CaptureStdout();
+  cam.write("/data/upgrade.log", std::string(kDataLogLimit, 'd'));
+  traceout_data("x");  // 10,241 bytes: closed after this write
+  EXPECT_EQ(size_of("/data/upgrade.log"), kDataLogLimit + 1);
+  traceout_data("fresh");
+  EXPECT_EQ(cam.read("/data/upgrade.log"), "fresh");
+
+  // A file already past the limit is emptied on open.
+  set_data_log_open(0);
+  cam.write("/data/upgrade.log", std::string(kDataLogLimit + 1, 'd'));
+  traceout_data("again");
+  EXPECT_EQ(cam.read("/data/upgrade.log"), "again");
+  testing::internal::GetCapturedStdout();
+}
+
+TEST_F(TraceLog, DataLogPathCanBeChangedAndTraceHeaderIsFormed) {
+  cam.platform().now = {1704110400, 120000};
+  set_data_log_path("/tmp/other.log");
+  testing::internal::CaptureStdout();
+  TRACE_DATA("file md5: %s\n", "abc");
+  int line = __LINE__ - 1;
+  testing::internal::GetCapturedStdout();
+  char expect[160];
+  snprintf(expect, sizeof(expect),
+           "[2024-01-01 12:00:00.12 test_dbgout.cpp +%-4d TestBody] file md5: abc\n", line);
+  EXPECT_EQ(cam.read("/tmp/other.log"), expect);
+}
+
+TEST_F(TraceLog, UnopenableLogStillWritesTheConsole) {
+  set_data_log_path("/no/such/dir/upgrade.log");
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(traceout_data("still here\n"), 0);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "still here\n");
+}
+
+}  // namespace

@@ -20,6 +20,7 @@
 #include "discovery/dhcp_status.h"
 #include "discovery/identity.h"
 #include "install/mtd_debug.h"
+#include "install/mtd_file_backend.h"
 #include "install/mtd_upgrade.h"
 #include "install/udisk_upgrade.h"
 #include "mcu/arm_image.h"
@@ -336,6 +337,7 @@ int upgrade_main(int argc, char** argv) {
     fflush(stdout);
     return 0;
   }
+  install_flash_backend_from_env();
   daemon_state_t& st = daemon_state;
   read_pid_config();
   read_del_config();

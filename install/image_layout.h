@@ -1,0 +1,51 @@
+// Whole-flash image layout: cutting the boot-loader and kernel pieces out of
+// an image, comparing a piece with the flash, and the boot-environment flags.
+//
+// An image is a copy of the flash from offset 0: mtd0 (boot loader), mtd1
+// (kernel), then the other partitions back to back, at the sizes of the
+// running camera's partition table.
+#pragma once
+
+#include <cstdint>
+
+#include "core/dbgout.h"
+
+// Piece types.
+inline constexpr unsigned kPieceUboot = 0;
+inline constexpr unsigned kPieceUimage = 1;
+
+// Cuts piece `type` of `image_path` into `out_path` with dd. 0, or -1 for an
+// unknown type (or a command line that would not fit its buffer).
+int mtd_file_split(const char* image_path, const char* out_path, unsigned type);
+// 0 when `file_path` equals the flash content of piece `type`, 1 otherwise
+// (also when it cannot tell).
+int mtd_cmp(const char* file_path, unsigned type);
+// Boot-environment flags; return the pclose status.
+int set_dfu_upgrade_flag(int value);
+int set_net_upgrade_flag(int value);
+// mode_type = device model up to its first '.'.
+int set_device_type_flag();
+
+// Size of partition `index` from the partition table (0 when out of range).
+uint32_t mtd_part_size(int index);
+// Device name of partition `index` ("mtd3"), the table text up to ':'.
+// Returns false when the index is out of range.
+bool mtd_part_dev(int index, char* out, unsigned out_len);
+// True for partitions whose name contains "net", "config_yaffs" or "data":
+// the upgrade log lives on such a partition, so from the first of them on an
+// installation stops writing to it.
+bool silences_upgrade_log(const char* partition_name);
+
+// Console line, plus the upgrade log unless the installation runs quiet.
+#define INSTALL_LOG(quiet, fmt, ...)              \
+  do {                                            \
+    if (quiet)                                    \
+      DBG_INFO(fmt __VA_OPT__(, ) __VA_ARGS__);   \
+    else                                          \
+      TRACE_DATA(fmt __VA_OPT__(, ) __VA_ARGS__); \
+  } while (0)
+
+// True when `name` is a plain file name that is safe to put into /dev/ or a
+// shell command: only letters, digits, '.', '_' and '-'. Anything else
+// (';', '/', blanks, quotes, '$' ...) is refused by the installers.
+bool is_safe_file_name(const char* name);

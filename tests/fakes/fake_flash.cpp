@@ -1,0 +1,336 @@
+#include "fakes/fake_flash.h"
+
+#include <cerrno>
+#include <cstring>
+#include <stdexcept>
+
+FakeFlash::FakeFlash() { previous_ = set_mtd_devices(this); }
+FakeFlash::~FakeFlash() { set_mtd_devices(previous_); }
+
+int FakeFlash::add(const std::string& path, uint32_t size, uint32_t erasesize, uint8_t type,
+                   uint32_t writesize) {
+  std::lock_guard<std::mutex> lock(mu_);
+  Device d;
+  d.path = path;
+  d.info.type = type;
+  d.info.flags = type == kNand ? MTD_CAP_NANDFLASH : MTD_CAP_NORFLASH;
+  d.info.size = size;
+  d.info.erasesize = erasesize;
+  d.info.writesize = writesize;
+  d.info.oobsize = type == kNand ? 64 : 0;
+  d.bytes.assign(size, 0xFF);
+  uint32_t blocks = erasesize != 0 ? (size + erasesize - 1) / erasesize : 0;
+  d.bad.assign(blocks, false);
+  d.erased.assign(blocks, false);
+  dev_.push_back(std::move(d));
+  return static_cast<int>(dev_.size()) - 1;
+}
+
+void FakeFlash::add_chain(const std::vector<uint32_t>& sizes, uint32_t erasesize, uint8_t type) {
+  for (size_t i = 0; i < sizes.size(); ++i) {
+    add("/dev/mtd" + std::to_string(i), sizes[i], erasesize, type, type == kNand ? 2048 : 1);
+  }
+}
+
+std::vector<uint8_t>& FakeFlash::data(int dev) { return dev_.at(dev).bytes; }
+
+void FakeFlash::fill(int dev, const std::vector<uint8_t>& bytes, uint32_t at) {
+  std::lock_guard<std::mutex> lock(mu_);
+  Device& d = dev_.at(dev);
+  if (at + bytes.size() > d.bytes.size()) throw std::out_of_range("fill beyond device");
+  std::copy(bytes.begin(), bytes.end(), d.bytes.begin() + at);
+}
+
+void FakeFlash::set_bad_map(int dev, const std::string& map) {
+  std::lock_guard<std::mutex> lock(mu_);
+  Device& d = dev_.at(dev);
+  for (size_t i = 0; i < d.bad.size(); ++i) d.bad[i] = i < map.size() && map[i] == 'B';
+}
+
+std::string FakeFlash::bad_map(int dev) const {
+  std::lock_guard<std::mutex> lock(mu_);
+  std::string out;
+  for (bool b : dev_.at(dev).bad) out += b ? 'B' : '.';
+  return out;
+}
+
+std::string FakeFlash::erase_map(int dev) const {
+  std::lock_guard<std::mutex> lock(mu_);
+  std::string out;
+  for (bool e : dev_.at(dev).erased) out += e ? 'E' : '.';
+  return out;
+}
+
+void FakeFlash::fail_erase(int dev, uint32_t block) {
+  std::lock_guard<std::mutex> lock(mu_);
+  dev_.at(dev).erase_fail.insert(block);
+}
+void FakeFlash::fail_write(int dev, uint32_t block) {
+  std::lock_guard<std::mutex> lock(mu_);
+  dev_.at(dev).write_fail.insert(block);
+}
+void FakeFlash::fail_read(int dev, uint32_t block) {
+  std::lock_guard<std::mutex> lock(mu_);
+  dev_.at(dev).read_fail.insert(block);
+}
+void FakeFlash::fail_verify(int dev, uint32_t block, int times) {
+  std::lock_guard<std::mutex> lock(mu_);
+  dev_.at(dev).weak[block] = times;
+}
+void FakeFlash::fail_open(const std::string& path) {
+  std::lock_guard<std::mutex> lock(mu_);
+  open_fail_.push_back(path);
+}
+void FakeFlash::fail_get_info(bool on) {
+  std::lock_guard<std::mutex> lock(mu_);
+  info_fail_ = on;
+}
+void FakeFlash::fail_bad_block_query(bool on) {
+  std::lock_guard<std::mutex> lock(mu_);
+  badq_fail_ = on;
+}
+void FakeFlash::fail_close(bool on) {
+  std::lock_guard<std::mutex> lock(mu_);
+  close_fail_ = on;
+}
+void FakeFlash::set_regions(int dev, const std::vector<region_info_user>& regions) {
+  std::lock_guard<std::mutex> lock(mu_);
+  dev_.at(dev).regions = regions;
+}
+void FakeFlash::power_cut_after(long k) {
+  std::lock_guard<std::mutex> lock(mu_);
+  cut_after_ = k;
+}
+bool FakeFlash::power_lost() const {
+  std::lock_guard<std::mutex> lock(mu_);
+  return lost_;
+}
+long FakeFlash::erases() const {
+  std::lock_guard<std::mutex> lock(mu_);
+  return erases_;
+}
+long FakeFlash::bytes_programmed() const {
+  std::lock_guard<std::mutex> lock(mu_);
+  return programmed_;
+}
+long FakeFlash::bytes_read() const {
+  std::lock_guard<std::mutex> lock(mu_);
+  return read_;
+}
+long FakeFlash::operations() const {
+  std::lock_guard<std::mutex> lock(mu_);
+  return ops_;
+}
+int FakeFlash::open_count() const {
+  std::lock_guard<std::mutex> lock(mu_);
+  return static_cast<int>(fds_.size());
+}
+void FakeFlash::reset_counters() {
+  std::lock_guard<std::mutex> lock(mu_);
+  ops_ = erases_ = programmed_ = read_ = 0;
+  for (Device& d : dev_) d.erased.assign(d.erased.size(), false);
+}
+
+bool FakeFlash::powered_op() {
+  if (lost_) return false;
+  if (cut_after_ >= 0 && ops_ >= cut_after_) {
+    lost_ = true;
+    return false;
+  }
+  ++ops_;
+  return true;
+}
+
+FakeFlash::Device* FakeFlash::dev_of(int fd, Handle** h) {
+  auto it = fds_.find(fd);
+  if (it == fds_.end()) {
+    errno = EBADF;
+    return nullptr;
+  }
+  if (h != nullptr) *h = &it->second;
+  return &dev_[it->second.dev];
+}
+
+int FakeFlash::open(const char* path, int) {
+  std::lock_guard<std::mutex> lock(mu_);
+  for (const std::string& p : open_fail_) {
+    if (p == path) {
+      errno = EACCES;
+      return -1;
+    }
+  }
+  for (size_t i = 0; i < dev_.size(); ++i) {
+    if (dev_[i].path == path) {
+      int fd = next_fd_++;
+      fds_[fd] = Handle{static_cast<int>(i), 0};
+      return fd;
+    }
+  }
+  errno = ENOENT;
+  return -1;
+}
+
+int FakeFlash::close(int fd) {
+  std::lock_guard<std::mutex> lock(mu_);
+  if (fds_.erase(fd) == 0) {
+    errno = EBADF;
+    return -1;
+  }
+  if (close_fail_) {
+    errno = EIO;
+    return -1;
+  }
+  return 0;
+}
+
+int FakeFlash::get_info(int fd, mtd_info_user* info) {
+  std::lock_guard<std::mutex> lock(mu_);
+  Device* d = dev_of(fd, nullptr);
+  if (d == nullptr) return -1;
+  if (info_fail_ || lost_) {
+    errno = EIO;
+    return -1;
+  }
+  *info = d->info;
+  return 0;
+}
+
+int FakeFlash::erase(int fd, const erase_info_user* ei) {
+  std::lock_guard<std::mutex> lock(mu_);
+  Device* d = dev_of(fd, nullptr);
+  if (d == nullptr) return -1;
+  const uint32_t es = d->info.erasesize;
+  if (ei->start % es != 0 || ei->length == 0 || ei->length % es != 0 ||
+      static_cast<uint64_t>(ei->start) + ei->length > d->info.size) {
+    errno = EINVAL;
+    return -1;
+  }
+  if (!powered_op()) {
+    errno = EIO;
+    return -1;
+  }
+  for (uint32_t b = ei->start / es; b < (ei->start + ei->length) / es; ++b) {
+    if ((d->bad[b] && d->info.type == kNand) || d->erase_fail.count(b) != 0) {
+      errno = EIO;
+      return -1;
+    }
+    std::memset(d->bytes.data() + static_cast<size_t>(b) * es, 0xFF, es);
+    d->erased[b] = true;
+    ++erases_;
+  }
+  return 0;
+}
+
+int FakeFlash::get_bad_block(int fd, loff_t offset) {
+  std::lock_guard<std::mutex> lock(mu_);
+  Device* d = dev_of(fd, nullptr);
+  if (d == nullptr) return -1;
+  if (badq_fail_ || lost_ || offset < 0 || static_cast<uint64_t>(offset) >= d->info.size) {
+    errno = badq_fail_ || lost_ ? EIO : EINVAL;
+    return -1;
+  }
+  return d->bad[static_cast<size_t>(offset / d->info.erasesize)] ? 1 : 0;
+}
+
+int FakeFlash::get_region_count(int fd, int* count) {
+  std::lock_guard<std::mutex> lock(mu_);
+  Device* d = dev_of(fd, nullptr);
+  if (d == nullptr) return -1;
+  *count = static_cast<int>(d->regions.size());
+  return 0;
+}
+
+int FakeFlash::get_region_info(int fd, region_info_user* region) {
+  std::lock_guard<std::mutex> lock(mu_);
+  Device* d = dev_of(fd, nullptr);
+  if (d == nullptr) return -1;
+  if (region->regionindex >= d->regions.size()) {
+    errno = EINVAL;
+    return -1;
+  }
+  *region = d->regions[region->regionindex];
+  return 0;
+}
+
+off_t FakeFlash::lseek(int fd, off_t offset, int whence) {
+  std::lock_guard<std::mutex> lock(mu_);
+  Handle* h = nullptr;
+  Device* d = dev_of(fd, &h);
+  if (d == nullptr) return -1;
+  int64_t base = whence == SEEK_SET   ? 0
+                 : whence == SEEK_CUR ? static_cast<int64_t>(h->pos)
+                                      : static_cast<int64_t>(d->info.size);
+  int64_t target = base + offset;
+  if (target < 0 || target > static_cast<int64_t>(d->info.size)) {
+    errno = EINVAL;
+    return -1;
+  }
+  h->pos = static_cast<uint64_t>(target);
+  return static_cast<off_t>(target);
+}
+
+ssize_t FakeFlash::read(int fd, void* buf, size_t count) {
+  std::lock_guard<std::mutex> lock(mu_);
+  Handle* h = nullptr;
+  Device* d = dev_of(fd, &h);
+  if (d == nullptr) return -1;
+  if (lost_) {
+    errno = EIO;
+    return -1;
+  }
+  const uint32_t es = d->info.erasesize;
+  size_t n = std::min<uint64_t>(count, d->info.size - h->pos);
+  for (uint64_t a = h->pos; a < h->pos + n; a += es - a % es) {
+    if (d->read_fail.count(static_cast<uint32_t>(a / es)) != 0) {
+      errno = EIO;
+      return -1;
+    }
+  }
+  std::memcpy(buf, d->bytes.data() + h->pos, n);
+  h->pos += n;
+  read_ += static_cast<long>(n);
+  return static_cast<ssize_t>(n);
+}
+
+ssize_t FakeFlash::write(int fd, const void* buf, size_t count) {
+  std::lock_guard<std::mutex> lock(mu_);
+  Handle* h = nullptr;
+  Device* d = dev_of(fd, &h);
+  if (d == nullptr) return -1;
+  const uint32_t es = d->info.erasesize;
+  if (h->pos + count > d->info.size) {
+    errno = ENOSPC;
+    return -1;
+  }
+  if (d->info.writesize > 1 &&
+      (h->pos % d->info.writesize != 0 || count % d->info.writesize != 0)) {
+    errno = EINVAL;  // NAND programs whole pages only
+    return -1;
+  }
+  for (uint64_t a = h->pos; a < h->pos + count; a += es - a % es) {
+    uint32_t b = static_cast<uint32_t>(a / es);
+    if ((d->bad[b] && d->info.type == kNand) || d->write_fail.count(b) != 0) {
+      errno = EIO;
+      return -1;
+    }
+  }
+  if (!powered_op()) {
+    errno = EIO;
+    return -1;
+  }
+  const uint8_t* src = static_cast<const uint8_t*>(buf);
+  for (size_t i = 0; i < count; ++i) {
+    uint64_t a = h->pos + i;
+    uint8_t v = src[i];
+    auto weak = d->weak.find(static_cast<uint32_t>(a / es));
+    if (weak != d->weak.end() && weak->second > 0 && a % es == 0) v ^= 0x01;
+    d->bytes[a] &= v;
+  }
+  for (uint64_t a = h->pos; a < h->pos + count; a += es - a % es) {
+    auto weak = d->weak.find(static_cast<uint32_t>(a / es));
+    if (weak != d->weak.end() && weak->second > 0) --weak->second;
+  }
+  h->pos += count;
+  programmed_ += static_cast<long>(count);
+  return static_cast<ssize_t>(count);
+}

@@ -1,0 +1,114 @@
+// An in-memory flash behind the MtdDevices seam, modelled on NOR and NAND
+// chips: erased bytes read 0xFF, programming can only clear bits, bad blocks
+// refuse erase and program, and faults can be injected per block.
+//
+//   FakeFlash flash;                      // installs itself, restores on exit
+//   flash.add("/dev/mtd0", 0x80000, 0x10000);            // NOR
+//   flash.add("/dev/mtd1", 0x100000, 0x20000, kNand, 2048);
+//   flash.set_bad_map(1, "...B....");     // one character per erase block
+//
+// Operations counted for the power cut are erases and writes (programs).
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <mutex>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "install/mtd_debug.h"
+
+inline constexpr uint8_t kNor = 3;   // MTD_NORFLASH
+inline constexpr uint8_t kNand = 4;  // MTD_NANDFLASH
+
+class FakeFlash : public MtdDevices {
+ public:
+  FakeFlash();
+  ~FakeFlash() override;
+  FakeFlash(const FakeFlash&) = delete;
+  FakeFlash& operator=(const FakeFlash&) = delete;
+
+  // Adds a device (erased: all 0xFF); returns its index.
+  int add(const std::string& path, uint32_t size, uint32_t erasesize, uint8_t type = kNor,
+          uint32_t writesize = 1);
+  // Adds /dev/mtd0.. with the given sizes, all with the same erase size and type.
+  void add_chain(const std::vector<uint32_t>& sizes, uint32_t erasesize, uint8_t type = kNor);
+
+  // Contents (the test may read or preset them freely).
+  std::vector<uint8_t>& data(int dev);
+  void fill(int dev, const std::vector<uint8_t>& bytes, uint32_t at = 0);
+
+  // Bad blocks: 'B' bad, anything else good; "..B." marks block 2. On NAND a
+  // bad block refuses erase and program; other types only report it.
+  void set_bad_map(int dev, const std::string& map);
+  std::string bad_map(int dev) const;
+  // Erased blocks since the last reset_counters(): 'E' erased, '.' not.
+  std::string erase_map(int dev) const;
+
+  // Faults (block numbers within the device).
+  void fail_erase(int dev, uint32_t block);
+  void fail_write(int dev, uint32_t block);
+  void fail_read(int dev, uint32_t block);
+  // The next `times` programs of this block store a corrupted copy.
+  void fail_verify(int dev, uint32_t block, int times);
+  void fail_open(const std::string& path);
+  void fail_get_info(bool on);
+  void fail_bad_block_query(bool on);
+  void fail_close(bool on);
+  void set_regions(int dev, const std::vector<region_info_user>& regions);
+
+  // Power cut after the k-th erase/write: everything after it fails.
+  void power_cut_after(long k);
+  bool power_lost() const;
+
+  // Counters.
+  long erases() const;
+  long bytes_programmed() const;
+  long bytes_read() const;
+  long operations() const;
+  int open_count() const;  // descriptors still open
+  void reset_counters();
+
+  // MtdDevices.
+  int open(const char* path, int flags) override;
+  int close(int fd) override;
+  int get_info(int fd, mtd_info_user* info) override;
+  int erase(int fd, const erase_info_user* ei) override;
+  int get_bad_block(int fd, loff_t offset) override;
+  int get_region_count(int fd, int* count) override;
+  int get_region_info(int fd, region_info_user* region) override;
+  off_t lseek(int fd, off_t offset, int whence) override;
+  ssize_t read(int fd, void* buf, size_t count) override;
+  ssize_t write(int fd, const void* buf, size_t count) override;
+
+ private:
+  struct Device {
+    std::string path;
+    mtd_info_user info{};
+    std::vector<uint8_t> bytes;
+    std::vector<bool> bad;
+    std::vector<bool> erased;
+    std::set<uint32_t> erase_fail, write_fail, read_fail;
+    std::map<uint32_t, int> weak;
+    std::vector<region_info_user> regions;
+  };
+  struct Handle {
+    int dev;
+    uint64_t pos;
+  };
+  // Counts one mutating operation; false once the power is gone.
+  bool powered_op();
+  Device* dev_of(int fd, Handle** h);
+
+  mutable std::mutex mu_;
+  std::vector<Device> dev_;
+  std::map<int, Handle> fds_;
+  int next_fd_ = 1000;
+  std::vector<std::string> open_fail_;
+  bool info_fail_ = false, badq_fail_ = false, close_fail_ = false;
+  long cut_after_ = -1;
+  bool lost_ = false;
+  long ops_ = 0, erases_ = 0, programmed_ = 0, read_ = 0;
+  MtdDevices* previous_ = nullptr;
+};

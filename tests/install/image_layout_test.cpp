@@ -1,0 +1,104 @@
+#include "install/image_layout.h"
+
+#include <cstring>
+
+#include "install_fixture.h"
+
+namespace {
+
+class ImageLayoutTest : public InstallTest {};
+
+TEST_F(ImageLayoutTest, SplitCommandLines) {
+  partitions({{0x80000, "boot"}, {0x300000, "kernel"}}, 0x10000);
+  EXPECT_EQ(0, mtd_file_split("/dev/fw.img", "/dev/u-boot.bin", 0));
+  EXPECT_EQ(0, mtd_file_split("/dev/fw.img", "/dev/uImage.bin", 1));
+  EXPECT_EQ(
+      (std::vector<std::string>{"dd if=/dev/fw.img of=/dev/u-boot.bin bs=393216 count=1",
+                                "dd if=/dev/fw.img of=/dev/uImage.bin bs=524288 count=6 skip=1"}),
+      cam.platform().commands());
+  // dd runs through system().
+  EXPECT_EQ("sh:dd if=/dev/fw.img of=/dev/u-boot.bin bs=393216 count=1",
+            cam.platform().events().front());
+}
+
+TEST_F(ImageLayoutTest, SplitCountsInHalfMegabytes) {
+  partitions({{0x100000, "boot"}, {0x40000, "kernel"}}, 0x10000);
+  mtd_file_split("/i.img", "/o", 0);
+  std::memcpy(daemon_state.mtd[0].size, "00040000", 9);
+  mtd_file_split("/i.img", "/o", 0);
+  EXPECT_EQ((std::vector<std::string>{"dd if=/i.img of=/o bs=393216 count=2",
+                                      "dd if=/i.img of=/o bs=393216 count=0"}),
+            cam.platform().commands());
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(-1, mtd_file_split("/i.img", "/o", 2));
+  EXPECT_NE(std::string::npos, testing::internal::GetCapturedStdout().find(
+                                   "type != u-boot  or type != uImage, return\n"));
+  // A line that would not fit its buffer is not run cut off.
+  EXPECT_EQ(-1, mtd_file_split(std::string(250, 'a').c_str(), "/o", 0));
+  EXPECT_EQ(2u, cam.platform().commands().size());
+}
+
+TEST_F(ImageLayoutTest, CompareBootLoaderUsesScratchCopies) {
+  partitions({{0x80000, "boot"}, {0x300000, "kernel"}}, 0x10000);
+  cam.platform().on("cmp /dev/u-boot.bin", "0\n");
+  EXPECT_EQ(0, mtd_cmp("/dev/u-boot.bin", 0));
+  EXPECT_EQ(
+      (std::vector<std::string>{"popen:cat /dev/mtd0 > /dev/mtd0.bin",
+                                "popen:dd if=/dev/mtd0.bin of=/dev/mtd0_ext.bin bs=393216 count=1",
+                                "read:cmp /dev/u-boot.bin /dev/mtd0_ext.bin;echo $?"}),
+      cam.platform().events());
+}
+
+TEST_F(ImageLayoutTest, CompareAnswersDifferentWhenUnsure) {
+  cam.platform().on("cmp /dev/uImage.bin", "1\n");
+  EXPECT_EQ(1, mtd_cmp("/dev/uImage.bin", 1));
+  EXPECT_TRUE(ran("cmp /dev/uImage.bin /dev/mtd1>/dev/null;echo $?"));
+  cam.platform().on("cmp /dev/uImage.bin", "/dev/uImage.bin /dev/mtd1 differ: byte 1\n1\n");
+  EXPECT_EQ(1, mtd_cmp("/dev/uImage.bin", 1));
+  cam.platform().on("cmp /dev/uImage.bin", "");
+  EXPECT_EQ(1, mtd_cmp("/dev/uImage.bin", 1));
+  cam.platform().popen_fails("cmp /dev/x");
+  EXPECT_EQ(1, mtd_cmp("/dev/x", 1));
+  cam.platform().clear();
+  EXPECT_EQ(1, mtd_cmp("/dev/x", 2));
+  EXPECT_TRUE(cam.platform().commands().empty());
+}
+
+TEST_F(ImageLayoutTest, FlagWriters) {
+  cam.platform().on("dfu_upgrade_flag 1", "", 256);
+  EXPECT_EQ(256, set_dfu_upgrade_flag(1));
+  set_dfu_upgrade_flag(2);
+  set_dfu_upgrade_flag(0);
+  set_net_upgrade_flag(1);
+  set_net_upgrade_flag(2);
+  set_net_upgrade_flag(0);
+  set_dfu_upgrade_flag(7);
+  EXPECT_EQ(
+      (std::vector<std::string>{
+          "popen:/dev/fw_setenv dfu_upgrade_flag 1", "popen:/dev/fw_setenv dfu_upgrade_flag 2",
+          "popen:/dev/fw_setenv dfu_upgrade_flag 0", "popen:/dev/fw_setenv net_upgrade_flag 1",
+          "popen:/dev/fw_setenv net_upgrade_flag 2", "popen:", "popen:"}),
+      cam.platform().events());
+}
+
+TEST_F(ImageLayoutTest, DeviceTypeFlagTakesModelUpToDot) {
+  std::strcpy(daemon_state.device_model, "K1.x");
+  set_device_type_flag();
+  std::strcpy(daemon_state.device_model, "PTZ-4K_B");
+  set_device_type_flag();
+  std::strcpy(daemon_state.device_model, "K1;reboot");
+  EXPECT_EQ(-1, set_device_type_flag());
+  EXPECT_EQ((std::vector<std::string>{"/bin/fw_setenv mode_type K1",
+                                      "/bin/fw_setenv mode_type PTZ-4K_B"}),
+            cam.platform().commands());
+}
+
+TEST(FileNames, OnlyPlainNamesAreSafe) {
+  EXPECT_TRUE(is_safe_file_name("fw_K1-2.0.img"));
+  for (const char* bad : {"a;b.img", "../x.img", "a b.img", "$(x).img", "a|b", "a`b`", "a\rb",
+                          "a'b", "a\"b", "a>b", "a&b", "a\\b"}) {
+    EXPECT_FALSE(is_safe_file_name(bad)) << bad;
+  }
+}
+
+}  // namespace

@@ -1,0 +1,284 @@
+#include "install/mtd_upgrade.h"
+
+#include <cstring>
+
+#include "install_fixture.h"
+
+using testing::internal::CaptureStdout;
+using testing::internal::GetCapturedStdout;
+
+namespace {
+
+constexpr uint32_t kEb = 0x1000;
+
+// boot, env, kernel, rootfs, data: 0x32000 bytes in 0x1000-byte blocks.
+const std::vector<std::pair<uint32_t, std::string>> kLayout = {
+    {0x8000, "boot"}, {0x2000, "env"}, {0x10000, "kernel"}, {0x10000, "rootfs"}, {0x8000, "data"}};
+constexpr uint32_t kFlashSize = 0x32000;
+constexpr uint32_t kEnvEnd = 0xA000;  // first byte after the boot environment
+
+class MtdUpgradeTest : public InstallTest {
+ protected:
+  void SetUp() override {
+    InstallTest::SetUp();
+    daemon_state.flash_unerase_offset = kEnvEnd;
+    std::strcpy(daemon_state.soc_version, "2.7.1");
+    std::strcpy(daemon_state.device_model, "K1.x");
+  }
+  void image(const Bytes& bytes, const std::string& name = "fw.img") {
+    cam.write("/dev/" + name, as_text(bytes));
+    cam.platform().on("grep .img", name + "\n");
+  }
+  // Contents of the whole flash, partitions back to back.
+  Bytes whole(FakeFlash& chip) {
+    Bytes all;
+    for (size_t i = 0; i < kLayout.size(); ++i) {
+      all.insert(all.end(), chip.data(static_cast<int>(i)).begin(),
+                 chip.data(static_cast<int>(i)).end());
+    }
+    return all;
+  }
+  std::string install() {
+    CaptureStdout();
+    mtd_upgrade_install();
+    return GetCapturedStdout();
+  }
+  bool untouched(int dev) { return flash.data(dev) == Bytes(flash.data(dev).size(), 0xFF); }
+};
+
+TEST_F(MtdUpgradeTest, TriggerFiles) {
+  EXPECT_EQ(0, mtd_upgrade_triggered());
+  cam.write("/dev/onvif_upgrade_flag", "");
+  EXPECT_EQ(1, mtd_upgrade_triggered());
+  std::remove(cam.path("/dev/onvif_upgrade_flag").c_str());
+  cam.write("/dev/mtd_upgrade", "");
+  EXPECT_EQ(1, mtd_upgrade_triggered());
+}
+
+TEST_F(MtdUpgradeTest, WholeImageWritesEveryPartitionThenSetsFlagsInOrder) {
+  partitions(kLayout, kEb);
+  track_env();
+  const Bytes img = pattern(kFlashSize + 0x3000, 1);  // longer than the flash
+  image(img);
+  std::string out = install();
+  EXPECT_TRUE(Bytes(img.begin(), img.begin() + kFlashSize) == whole(flash));
+  EXPECT_EQ(1, daemon_state.upgrade_busy.load());
+  EXPECT_EQ(std::string::npos, out.find("exit mtdbug"));
+  EXPECT_NE(std::string::npos, out.find("ALL_MTD upgrade succeed\n"));
+  EXPECT_NE(std::string::npos,
+            out.find("mtd2 write_addr 0xa000 skip:0 dev_offset:0 file_offset:0xA000"));
+  EXPECT_NE(std::string::npos, out.find("mtd_file_offset: 0x1A000\n"));
+  // Flag 1 right after the environment partition; flag 2 never, since the
+  // visited blocks never reach the size of this (longer) image.
+  EXPECT_EQ("1", flag("net_upgrade_flag"));
+  EXPECT_EQ("0", flag("dfu_upgrade_flag"));
+  std::vector<std::string> cmds = cam.platform().commands();
+  auto at = [&](const std::string& c) {
+    return std::find(cmds.begin(), cmds.end(), c) - cmds.begin();
+  };
+  EXPECT_LT(at("echo  > /dev/orn.log"), at("rm -rf /dev/*.log"));
+  EXPECT_LT(at("/dev/fw_setenv net_upgrade_flag 1"), at("/dev/fw_setenv dfu_upgrade_flag 0"));
+  EXPECT_EQ(1, cam.platform().reboots());
+  EXPECT_EQ("reboot", cam.platform().events().back());
+}
+
+TEST_F(MtdUpgradeTest, ImageCoveringThreePartitionsStopsAtTheFourth) {
+  partitions(kLayout, kEb);
+  track_env();
+  const Bytes img = pattern(0x1A000, 2);
+  image(img);
+  std::string out = install();
+  const Bytes all = whole(flash);
+  EXPECT_TRUE(img == Bytes(all.begin(), all.begin() + 0x1A000));
+  EXPECT_TRUE(untouched(3));
+  EXPECT_TRUE(untouched(4));
+  EXPECT_NE(std::string::npos, out.find("exit mtdbug\n"));
+  EXPECT_NE(std::string::npos, out.find("set_net_upgrade_flag(2) upgrade_file_size:0x1a000"));
+  EXPECT_EQ("2", flag("net_upgrade_flag"));
+  EXPECT_EQ(1, count_cmd("/dev/fw_setenv net_upgrade_flag 1"));
+}
+
+TEST_F(MtdUpgradeTest, UnchangedImageCostsZeroErases) {
+  partitions(kLayout, kEb);
+  const Bytes img = pattern(kFlashSize, 3);
+  for (size_t i = 0, at = 0; i < kLayout.size(); at += kLayout[i].first, ++i) {
+    flash.fill(static_cast<int>(i), Bytes(img.begin() + at, img.begin() + at + kLayout[i].first));
+  }
+  image(img);
+  track_env();
+  install();
+  EXPECT_EQ(0, flash.erases());
+  EXPECT_EQ(0, flash.bytes_programmed());
+  EXPECT_EQ("2", flag("net_upgrade_flag"));
+}
+
+// Whatever block the power fails at, the boot loader never sees flag 2
+// unless every partition the image covers holds the image.
+TEST_F(MtdUpgradeTest, PowerCutAtEveryOperationNeverShowsCompleteEarly) {
+  const Bytes img = pattern(kFlashSize, 4);
+  long total = -1;
+  int seen_one = 0, seen_none = 0;
+  for (long k = 0; total < 0 || k <= total; ++k) {
+    FakeCamera cam_k;
+    FakeFlash chip;
+    partitions_on(chip, kLayout, kEb);
+    for (size_t i = 0; i < kLayout.size(); ++i) {
+      chip.fill(static_cast<int>(i), Bytes(kLayout[i].first, 0x00));  // old firmware
+    }
+    cam_k.write("/dev/fw.img", as_text(img));
+    cam_k.platform().on("grep .img", "fw.img\n");
+    track_env_on(cam_k.platform(), chip);
+    if (total >= 0) chip.power_cut_after(k);
+    CaptureStdout();
+    mtd_upgrade_install();
+    GetCapturedStdout();
+    if (total < 0) {
+      total = chip.operations();
+      ASSERT_EQ(2 * static_cast<long>(kFlashSize / kEb), total);
+      ASSERT_EQ("2", flag("net_upgrade_flag"));
+      k = -1;
+      continue;
+    }
+    const bool complete = whole(chip) == img;
+    if (flag("net_upgrade_flag") == "2") {
+      EXPECT_TRUE(complete) << "cut after operation " << k;
+    }
+    EXPECT_EQ(k == total, flag("net_upgrade_flag") == "2") << k;
+    seen_one += flag("net_upgrade_flag") == "1";
+    seen_none += flag("net_upgrade_flag").empty();
+  }
+  // Cuts before the environment is rewritten leave the flags alone.
+  EXPECT_EQ(2 * static_cast<int>(kEnvEnd / kEb), seen_none);
+  EXPECT_EQ(static_cast<int>(total) - seen_none, seen_one);
+}
+
+TEST_F(MtdUpgradeTest, NandBadBlockShiftsImageToNextGoodBlock) {
+  const uint32_t eb = 0x4000;
+  partitions({{0x8000, "boot"}, {0x10000, "kernel"}, {0x10000, "rootfs"}}, eb, kNand);
+  flash.set_bad_map(1, ".B..");
+  daemon_state.flash_unerase_offset = 0;
+  track_env();
+  const Bytes img = pattern(0x28000, 5);
+  image(img);
+  install();
+  const Bytes& k = flash.data(1);
+  EXPECT_TRUE(std::equal(img.begin() + 0x8000, img.begin() + 0xC000, k.begin()));
+  EXPECT_TRUE(std::all_of(k.begin() + eb, k.begin() + 2 * eb, [](uint8_t b) { return b == 0xFF; }));
+  EXPECT_TRUE(std::equal(img.begin() + 0xC000, img.begin() + 0x14000, k.begin() + 2 * eb));
+  // The next partition still starts at its own image offset.
+  EXPECT_TRUE(std::equal(img.begin() + 0x18000, img.end(), flash.data(2).begin()));
+  // One block fewer was visited than the image holds: no flag 2.
+  EXPECT_EQ("1", flag("net_upgrade_flag"));
+}
+
+TEST_F(MtdUpgradeTest, QuietFromTheFirstDataPartition) {
+  partitions(kLayout, kEb);
+  image(pattern(kFlashSize, 6));
+  install();
+  std::string log = cam.read("/data/upgrade.log");
+  EXPECT_NE(std::string::npos, log.find("soc version: 2.7.1, device_type: K1.x\n"));
+  EXPECT_NE(std::string::npos, log.find("mtd3 write_addr"));
+  EXPECT_EQ(std::string::npos, log.find("mtd4 write_addr"));
+  EXPECT_EQ(std::string::npos, log.find("MTD upgrade finish"));
+}
+
+TEST_F(MtdUpgradeTest, RefusedNamesRebootWithoutTouchingFlash) {
+  partitions(kLayout, kEb);
+  daemon_state.del_num = 1;
+  std::strcpy(daemon_state.del_list[0], "/data/old.cfg");
+  for (const std::string name : {"a;reboot.img", "x$(id).img", "a b.img", "../fw.img"}) {
+    cam.write("/data/old.cfg", "x");
+    cam.platform().clear();
+    cam.platform().on("grep .img", name + "\n");
+    testing::internal::CaptureStderr();
+    install();
+    EXPECT_NE(std::string::npos,
+              testing::internal::GetCapturedStderr().find("upgrade filename error!"))
+        << name;
+    EXPECT_EQ(0, flash.operations());
+    EXPECT_FALSE(cam.exists("/data/old.cfg"));
+    EXPECT_EQ(1, cam.platform().reboots());
+  }
+}
+
+TEST_F(MtdUpgradeTest, MissingWrongOrShortImageStillReboots) {
+  partitions(kLayout, kEb);
+  testing::internal::CaptureStderr();
+  install();  // nothing listed
+  EXPECT_NE(std::string::npos, testing::internal::GetCapturedStderr().find(
+                                   "fread /bin/ls /dev/ | grep .img failed\n"));
+  cam.platform().popen_fails("grep .img");
+  testing::internal::CaptureStderr();
+  install();
+  EXPECT_NE(std::string::npos, testing::internal::GetCapturedStderr().find("popen failed\n"));
+  cam.platform().clear();
+  cam.platform().on("grep .img", "fwximg\n");  // grep's '.' matches any character
+  EXPECT_NE(std::string::npos, install().find("filename is wrong"));
+  image(Bytes(), "empty.img");
+  install();
+  image(pattern(0x7800, 7), "short.img");
+  install();
+  EXPECT_EQ(0, flash.operations());
+  EXPECT_EQ(3, cam.platform().reboots());
+  EXPECT_FALSE(cam.platform().ran("/dev/fw_setenv net_upgrade_flag 2"));
+}
+
+TEST_F(MtdUpgradeTest, ImageEndingInsideABlock) {
+  partitions(kLayout, kEb);
+  track_env();
+  const Bytes img = pattern(0xA800, 8);  // covers boot and env, half a kernel block
+  image(img);
+  std::string out = install();
+  EXPECT_NE(std::string::npos, out.find("exit mtdbug"));
+  EXPECT_TRUE(untouched(2));
+  // Only 0xA000 of the 0xA800 bytes were visited: the run stays at flag 1.
+  EXPECT_EQ("1", flag("net_upgrade_flag"));
+}
+
+class SpecifiedMtdTest : public InstallTest {
+ protected:
+  void SetUp() override {
+    InstallTest::SetUp();
+    partitions({{0x80000, "boot"}, {0x100000, "kernel"}}, 0x10000);
+    cam.platform().on("grep uImage", "uImage.bin\n");
+  }
+};
+
+TEST_F(SpecifiedMtdTest, EqualPieceIsNotWritten) {
+  cam.platform().on("cmp /dev/uImage.bin /dev/mtd1", "0\n");
+  CaptureStdout();
+  EXPECT_EQ(0, upgrade_specified_mtd("/bin/ls /dev/ | grep uImage", 1));
+  EXPECT_NE(std::string::npos,
+            GetCapturedStdout().find("/dev/uImage.bin the same as mtd1, return\n"));
+  EXPECT_EQ(0, flash.operations());
+}
+
+TEST_F(SpecifiedMtdTest, DifferentPieceErasesWholePartitionThenWrites) {
+  flash.fill(1, Bytes(0x100000, 0x00));
+  const Bytes piece = pattern(0x60000, 9);  // shorter than the partition
+  cam.write("/dev/uImage.bin", as_text(piece));
+  cam.platform().on("cmp /dev/uImage.bin /dev/mtd1", "1\n");
+  CaptureStdout();
+  EXPECT_EQ(-1, upgrade_specified_mtd("/bin/ls /dev/ | grep uImage", 1));
+  std::string out = GetCapturedStdout();
+  EXPECT_NE(std::string::npos, out.find("erase \"kernel\"...\n"));
+  EXPECT_NE(std::string::npos, out.find("write \"kernel\"...\n"));
+  EXPECT_EQ(16, flash.erases());
+  EXPECT_TRUE(std::equal(piece.begin(), piece.end(), flash.data(1).begin()));
+  EXPECT_TRUE(std::all_of(flash.data(1).begin() + 0x60000, flash.data(1).end(),
+                          [](uint8_t b) { return b == 0xFF; }));
+  const std::vector<std::string> ev = cam.platform().events();
+  EXPECT_EQ(1, std::count(ev.begin(), ev.end(), "sleep:200000"));
+}
+
+TEST_F(SpecifiedMtdTest, ListingFailures) {
+  cam.platform().popen_fails("grep u-boot");
+  EXPECT_EQ(-1, upgrade_specified_mtd("/bin/ls /dev/ | grep u-boot | grep .bin", 0));
+  EXPECT_EQ(-1, upgrade_specified_mtd("/bin/ls /dev/ | grep nothing", 0));
+  cam.platform().on("grep evil", "u-boot;rm -rf /.bin\n");
+  EXPECT_EQ(-1, upgrade_specified_mtd("/bin/ls /dev/ | grep evil", 0));
+  EXPECT_EQ(-1, upgrade_specified_mtd("/bin/ls /dev/ | grep uImage", 5));
+  EXPECT_EQ(0, flash.operations());
+}
+
+}  // namespace

@@ -1,0 +1,170 @@
+#include "install/udisk_upgrade.h"
+
+#include <sys/stat.h>
+
+#include <cstring>
+#include <filesystem>
+
+#include "install_fixture.h"
+
+using testing::internal::CaptureStdout;
+using testing::internal::GetCapturedStdout;
+
+namespace {
+
+std::mutex g_sent_mu;
+std::vector<int> g_sent;
+
+void record_status(const unsigned char* buf, size_t len) {
+  ASSERT_EQ(kUdiskStatusLen, len);
+  const unsigned char head[4] = {0x81, 0x0A, 0x11, 0x5B};
+  EXPECT_EQ(0, std::memcmp(buf, head, 4));
+  EXPECT_EQ(0xFF, buf[5]);
+  std::lock_guard<std::mutex> lock(g_sent_mu);
+  g_sent.push_back(buf[4]);
+}
+
+class UdiskTest : public InstallTest {
+ protected:
+  void SetUp() override {
+    InstallTest::SetUp();
+    previous_ = set_udisk_status_sender(record_status);
+    g_sent.clear();
+    std::strcpy(daemon_state.device_model, "K1.x");
+    partitions({{0x80000, "boot"}, {0x100000, "kernel"}, {0x80000, "data"}}, 0x10000);
+    cam.platform().on("mount | grep /mnt/usb", "/dev/sda1 on /mnt/usb type vfat (rw)\n");
+    cam.platform().on("cmp /dev/u-boot.bin", "1\n");
+    cam.write("/dev/u_disk_upgrade_flag", "");
+    track_env();
+  }
+  void TearDown() override { set_udisk_status_sender(previous_); }
+
+  int poll(std::string* out = nullptr) {
+    CaptureStdout();
+    testing::internal::CaptureStderr();
+    int r = udisk_upgrade_poll();
+    std::string o = GetCapturedStdout() + testing::internal::GetCapturedStderr();
+    if (out != nullptr) *out = o;
+    return r;
+  }
+  void expect_refused(const std::vector<int>& statuses) {
+    EXPECT_EQ(statuses, g_sent);
+    EXPECT_TRUE(ran("rm -rf /dev/u_disk_upgrade_flag"));
+    EXPECT_EQ(0, cam.platform().reboots());
+    EXPECT_EQ(0, flash.operations());
+    EXPECT_EQ(0, daemon_state.upgrade_busy.load());
+  }
+
+  udisk_status_sender previous_ = nullptr;
+};
+
+TEST_F(UdiskTest, NothingHappensWithoutTrigger) {
+  std::remove(cam.path("/dev/u_disk_upgrade_flag").c_str());
+  EXPECT_EQ(0, poll());
+  EXPECT_TRUE(g_sent.empty());
+  EXPECT_TRUE(cam.platform().commands().empty());
+}
+
+TEST_F(UdiskTest, DifferentBootLoaderIsWrittenAndLoopEndsAtPartitionOne) {
+  const Bytes img = pattern(0x200000, 1);
+  cam.write("/mnt/usb/fw_K1.img", as_text(img));
+  cam.write("/config_path/video.conf", "v");
+  std::string out;
+  EXPECT_EQ(1, poll(&out));
+  EXPECT_EQ(std::vector<int>{3}, g_sent);
+  EXPECT_TRUE(Bytes(img.begin(), img.begin() + 0x80000) == flash.data(0));
+  EXPECT_TRUE(Bytes(0x100000, 0xFF) == flash.data(1)) << "partition 1 is never touched";
+  EXPECT_NE(std::string::npos, out.find("exit mtdbug\n"));
+  EXPECT_EQ("2", flag("net_upgrade_flag"));
+  EXPECT_EQ("K1", flag("mode_type"));
+  EXPECT_EQ(1, daemon_state.upgrade_busy.load());
+  const std::vector<std::string> expect = {
+      "mount | grep /mnt/usb",
+      "rm -rf /dev/u_disk_upgrade_flag",
+      "mkdir /data/upgrade_copy_conf",
+      "cp /config_path/* /data/upgrade_copy_conf/.",
+      "/dev/fw_setenv net_upgrade_flag 1",
+      "dd if=/mnt/usb/fw_K1.img of=/dev/u-boot.bin bs=393216 count=1",
+      "cat /dev/mtd0 > /dev/mtd0.bin",
+      "dd if=/dev/mtd0.bin of=/dev/mtd0_ext.bin bs=393216 count=1",
+      "cmp /dev/u-boot.bin /dev/mtd0_ext.bin;echo $?",
+      "rm -rf /dev/u-boot.bin",
+      "/bin/fw_setenv mode_type K1",
+      "/dev/fw_setenv net_upgrade_flag 2"};
+  EXPECT_EQ(expect, cam.platform().commands());
+  EXPECT_EQ(1, cam.platform().reboots());
+}
+
+TEST_F(UdiskTest, EqualBootLoaderIsSkippedButModeTypeRewritten) {
+  cam.platform().on("cmp /dev/u-boot.bin", "0\n");
+  cam.write("/mnt/usb/fw_K1.img", as_text(pattern(0x200000, 2)));
+  EXPECT_EQ(1, poll());
+  EXPECT_EQ(0, flash.operations());
+  EXPECT_EQ("1", flag("net_upgrade_flag"));
+  EXPECT_EQ("K1", flag("mode_type"));
+  EXPECT_TRUE(ran("rm -rf /dev/mtd0.bin /dev/mtd0_ext.bin"));
+  EXPECT_EQ(1, cam.platform().reboots());
+}
+
+TEST_F(UdiskTest, RefusalsReportStatusTwoAndKeepWaiting) {
+  EXPECT_EQ(0, poll());  // no /mnt/usb at all
+  expect_refused({2});
+
+  g_sent.clear();
+  cam.platform().clear();
+  mkdir(cam.path("/mnt/usb").c_str(), 0755);
+  mkdir(cam.path("/mnt/usb/old_K1.img").c_str(), 0755);  // a directory is passed over
+  std::string out;
+  EXPECT_EQ(0, poll(&out));
+  EXPECT_NE(std::string::npos, out.find("not found upgrade file!\n"));
+  expect_refused({2});
+
+  g_sent.clear();
+  cam.platform().clear();
+  cam.write("/mnt/usb/fw_K2.img", as_text(pattern(0x80000, 3)));
+  EXPECT_EQ(0, poll(&out));
+  EXPECT_NE(std::string::npos, out.find("device_model no match!\n"));
+  expect_refused({2});
+}
+
+TEST_F(UdiskTest, UnmountedDiskSendsOneThenTwo) {
+  cam.platform().on("mount | grep /mnt/usb", "");
+  EXPECT_EQ(0, poll());
+  expect_refused({1, 2});
+  EXPECT_EQ(2, udisk_status_buffer()[4]) << "the buffer keeps the last status";
+}
+
+TEST_F(UdiskTest, UnsafeOrShortImagesAreRefused) {
+  for (const char* name : {"fw_K1;reboot.img", "fw_K1 $(x).img", "fw_K1.img"}) {
+    g_sent.clear();
+    cam.platform().clear();
+    std::filesystem::remove_all(cam.path("/mnt/usb"));
+    // The plain name is refused too: it is shorter than the boot partition.
+    cam.write(std::string("/mnt/usb/") + name, as_text(pattern(0x7FFFF, 4)));
+    EXPECT_EQ(0, poll()) << name;
+    expect_refused({2});
+  }
+}
+
+TEST_F(UdiskTest, EraseOrWriteFailureRebootsAtOnce) {
+  cam.write("/mnt/usb/fw_K1.img", as_text(pattern(0x200000, 5)));
+  flash.fail_erase(0, 3);
+  std::string out;
+  EXPECT_EQ(1, poll(&out));
+  EXPECT_NE(std::string::npos, out.find("orn_mtd:erase ret: -1\n"));
+  EXPECT_EQ("1", flag("net_upgrade_flag"));
+  EXPECT_EQ(1, cam.platform().reboots());
+  EXPECT_FALSE(ran("/bin/fw_setenv mode_type K1"));
+
+  cam.platform().clear();
+  FakeFlash chip;
+  partitions_on(chip, {{0x80000, "boot"}, {0x100000, "kernel"}}, 0x10000);
+  track_env_on(cam.platform(), chip);
+  chip.fail_write(0, 6);
+  EXPECT_EQ(1, poll(&out));
+  EXPECT_NE(std::string::npos, out.find("orn_mtd:write ret: -1\n"));
+  EXPECT_EQ("1", flag("net_upgrade_flag"));
+  EXPECT_EQ(1, cam.platform().reboots());
+}
+
+}  // namespace

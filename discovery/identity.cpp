@@ -1,5 +1,336 @@
+// Device identity, the shared identity records and the small facts that
+// replies carry.
 #include "discovery/identity.h"
-// placeholder until the module lands
-void read_uuid() {}
-int check_usb_disk_mount() { return -1; }
-void send_local_control(const void*, size_t) {}
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <sys/sysinfo.h>
+#include <unistd.h>
+#include <uuid/uuid.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <string>
+
+#include "core/dbgout.h"
+#include "core/platform.h"
+#include "core/upgrade.h"
+
+namespace {
+
+constexpr const char* kUuidPath = "/data/uuid_file";
+
+std::mutex g_records_mu;
+char g_device_id[kIdLen + 1];
+char g_client_id[kIdLen + 1];
+char g_upgrade_client_id[kIdLen + 1];
+net_info_t g_net_info;
+std::atomic<int> g_mcast_upgrading{0};
+std::atomic<int> g_local_control_port{kLocalControlPort};
+
+// The kIdLen characters behind `key` in msg, bounded by the end of msg.
+// Returns nullptr when the key is absent.
+const char* id_after(const char* msg, const char* key, char* out) {
+  const char* p = strstr(msg, key);
+  if (p == nullptr) return nullptr;
+  p += strlen(key);
+  copy_text(out, kIdLen + 1, p, kIdLen);
+  return p;
+}
+
+int take_client_id(const char* msg) {
+  char id[kIdLen + 1];
+  if (id_after(msg, "Client ID:", id) == nullptr) {
+    DBG_ERR("find \"client id\" failed\n");
+    return -1;
+  }
+  set_client_id(id);
+  return 0;
+}
+
+int device_id_matches(const char* id) {
+  std::lock_guard<std::mutex> lock(g_records_mu);
+  return strcmp(id, g_device_id) == 0;
+}
+
+int read_counter(const char* path) {
+  char cmd[64];
+  snprintf(cmd, sizeof(cmd), "cat %s", path);
+  char buf[129] = {};
+  int n = sys().shell_read(cmd, buf, 128);
+  if (n < 0) {
+    DBG_ERR("popen %s failed\n", cmd);
+    return 0;
+  }
+  if (n == 0) {
+    DBG_ERR("fread %s failed\n", cmd);
+    return 0;
+  }
+  return atoi(buf);
+}
+
+}  // namespace
+
+// ---- bounded text helpers ---------------------------------------------------
+
+void copy_text(char* dst, size_t size, const char* src, size_t len) {
+  if (size == 0) return;
+  size_t n = strnlen(src, len);
+  if (n > size - 1) n = size - 1;
+  memcpy(dst, src, n);
+  dst[n] = '\0';
+}
+
+void append_text(char* dst, size_t size, const char* src) {
+  size_t used = strnlen(dst, size);
+  if (used + 1 >= size) return;
+  copy_text(dst + used, size - used, src, strlen(src));
+}
+
+// ---- shared records -----------------------------------------------------------
+
+void get_device_id(char* out) {
+  std::lock_guard<std::mutex> lock(g_records_mu);
+  memcpy(out, g_device_id, sizeof(g_device_id));
+}
+
+void set_device_id(const char* id) {
+  std::lock_guard<std::mutex> lock(g_records_mu);
+  copy_text(g_device_id, sizeof(g_device_id), id, kIdLen);
+}
+
+void get_client_id(char* out) {
+  std::lock_guard<std::mutex> lock(g_records_mu);
+  memcpy(out, g_client_id, sizeof(g_client_id));
+}
+
+void set_client_id(const char* id) {
+  std::lock_guard<std::mutex> lock(g_records_mu);
+  copy_text(g_client_id, sizeof(g_client_id), id, kIdLen);
+}
+
+void get_upgrade_client_id(char* out) {
+  std::lock_guard<std::mutex> lock(g_records_mu);
+  memcpy(out, g_upgrade_client_id, sizeof(g_upgrade_client_id));
+}
+
+void set_upgrade_client_id(const char* id) {
+  std::lock_guard<std::mutex> lock(g_records_mu);
+  copy_text(g_upgrade_client_id, sizeof(g_upgrade_client_id), id, kIdLen);
+}
+
+int mcast_upgrade_in_progress() { return g_mcast_upgrading.load(); }
+void set_mcast_upgrade_in_progress(int on) { g_mcast_upgrading.store(on); }
+
+void copy_net_info(net_info_t* out) {
+  std::lock_guard<std::mutex> lock(g_records_mu);
+  *out = g_net_info;
+}
+
+void set_net_info(const net_info_t& in) {
+  std::lock_guard<std::mutex> lock(g_records_mu);
+  g_net_info = in;
+}
+
+// ---- identity -------------------------------------------------------------------
+
+void gain_uuid() {
+  uuid_t uu;
+  uuid_generate_time(uu);
+  char id[kIdLen + 1] = {};
+  for (int i = 0; i < 16; ++i) snprintf(id + 2 * i, 3, "%02x", uu[i]);
+  set_device_id(id);
+  DBG_INFO("device id: %s\n", id);
+}
+
+void read_uuid() {
+  std::string path = cam_path(kUuidPath);
+  int fd = open(path.c_str(), O_RDWR);
+  if (fd < 0) {
+    gain_uuid();
+    char id[kIdLen + 1];
+    get_device_id(id);
+    fd = open(path.c_str(), O_WRONLY | O_CREAT, 0644);
+    if (fd < 0) {
+      DBG_ERR("open %s failed\n", kUuidPath);
+      return;
+    }
+    if (write(fd, id, kIdLen) != static_cast<ssize_t>(kIdLen))
+      DBG_ERR("write %s failed\n", kUuidPath);
+    close(fd);
+    return;
+  }
+  char id[kIdLen + 1] = {};
+  ssize_t n = read(fd, id, kIdLen);
+  close(fd);
+  if (n != static_cast<ssize_t>(kIdLen)) DBG_ERR("read %s failed\n", kUuidPath);
+  set_device_id(id);
+}
+
+int check_uuid(const char* msg) {
+  if (msg == nullptr || msg[0] == '\0') return -1;
+  char id[kIdLen + 1];
+  if (id_after(msg, "Device ID:", id) == nullptr) {
+    DBG_ERR("find \"device id\" failed\n");
+    return -1;
+  }
+  if (!device_id_matches(id)) return -1;
+  return take_client_id(msg);
+}
+
+int check_uuid_only_deviceid(const char* msg) {
+  if (msg == nullptr || msg[0] == '\0') return -1;
+  char id[kIdLen + 1];
+  if (id_after(msg, "Device ID:", id) == nullptr) {
+    DBG_ERR("find \"device id\" failed\n");
+    return -1;
+  }
+  return device_id_matches(id) ? 0 : -1;
+}
+
+int check_uuid_bat(const char* msg) {
+  if (msg == nullptr || msg[0] == '\0') return -1;
+  const char* p = strstr(msg, "Device ID:");
+  if (p == nullptr) {
+    DBG_ERR("find \"device id\" failed\n");
+    return -1;
+  }
+  p += strlen("Device ID:");
+  char count_text[5];
+  copy_text(count_text, sizeof(count_text), p, 4);
+  int count = atoi(count_text);
+  DBG_INFO("count=%d\n", count);
+  p += strlen(count_text);
+  // The IDs follow without separators; a count promising more than the
+  // datagram holds stops at its end.
+  size_t left = strlen(p);
+  char dev[kIdLen + 1];
+  get_device_id(dev);
+  int found = 0;
+  for (int i = 0; i < count && left >= kIdLen; ++i, p += kIdLen, left -= kIdLen) {
+    char id[kIdLen + 1];
+    copy_text(id, sizeof(id), p, kIdLen);
+    DBG_INFO("uuid_temp=%s\n", id);
+    if (strcmp(id, dev) == 0) {
+      DBG_INFO("uuid=%s,dev_uuid=%s\n", id, dev);
+      found = 1;
+      break;
+    }
+  }
+  if (!found) {
+    DBG_ERR("device id is not the same\n");
+    return -1;
+  }
+  return take_client_id(msg);
+}
+
+// ---- small facts -------------------------------------------------------------
+
+long get_sys_uptime() {
+  struct sysinfo info;
+  if (sysinfo(&info) != 0) {
+    DBG_ERR("get_sys_uptime() failed\n");
+    return 0;
+  }
+  return info.uptime;
+}
+
+int read_boot_times() { return read_counter("/data/boot_times.dat"); }
+int read_curve_times() { return read_counter("/data/curve_times.dat"); }
+
+int check_usb_disk_mount() {
+  char buf[129] = {};
+  int n = sys().shell_read("mount | grep /mnt/usb", buf, 128);
+  if (n < 0) {
+    DBG_ERR("popen failed\n");
+    return -1;
+  }
+  if (n == 0) {
+    DBG_ERR("check usb disk failed\n");
+    return -1;
+  }
+  DBG_INFO("check usb disk success\n");
+  return 0;
+}
+
+void set_local_control_port(int port) { g_local_control_port.store(port); }
+
+void send_local_control(const void* buf, size_t len) {
+  int fd = socket(AF_INET, SOCK_DGRAM, 0);
+  if (fd < 0) {
+    DBG_ERR("socket failed\n");
+    return;
+  }
+  struct sockaddr_in to;
+  memset(&to, 0, sizeof(to));
+  to.sin_family = AF_INET;
+  to.sin_port = htons(static_cast<uint16_t>(g_local_control_port.load()));
+  to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  if (sendto(fd, buf, len, 0, reinterpret_cast<struct sockaddr*>(&to), sizeof(to)) < 0)
+    DBG_ERR("sendto failed\n");
+  close(fd);
+}
+
+int sockaddr_to_string(const struct sockaddr* addr, char* out, size_t size) {
+  if (addr == nullptr || out == nullptr || size == 0) return -1;
+  out[0] = '\0';
+  char text[INET6_ADDRSTRLEN] = {};
+  int port = 0;
+  if (addr->sa_family == AF_INET) {
+    const auto* in = reinterpret_cast<const struct sockaddr_in*>(addr);
+    inet_ntop(AF_INET, &in->sin_addr, text, sizeof(text));
+    port = ntohs(in->sin_port);
+  } else if (addr->sa_family == AF_INET6) {
+    const auto* in6 = reinterpret_cast<const struct sockaddr_in6*>(addr);
+    inet_ntop(AF_INET6, &in6->sin6_addr, text, sizeof(text));
+    port = ntohs(in6->sin6_port);
+  } else {
+    return -1;
+  }
+  append_text(out, size, text);
+  if (port != 0) {
+    char suffix[7];
+    snprintf(suffix, sizeof(suffix), ":%d", port);
+    append_text(out, size, suffix);
+  }
+  return 0;
+}
+
+int check_ipv4_format(const char* text) {
+  int a, b, c, d;
+  char tail;
+  if (sscanf(text, "%d.%d.%d.%d%c", &a, &b, &c, &d, &tail) != 4) return -1;
+  for (int v : {a, b, c, d})
+    if (v < 0 || v > 255) return -1;
+  return 0;
+}
+
+int check_mac_format(const char* text) {
+  char c[13];
+  int n = sscanf(text, "%c%c.%c%c.%c%c.%c%c.%c%c.%c%c%c", &c[0], &c[1], &c[2], &c[3], &c[4], &c[5],
+                 &c[6], &c[7], &c[8], &c[9], &c[10], &c[11], &c[12]);
+  if (n == 12) {
+    DBG_INFO("%s good!\n", text);
+    return 0;
+  }
+  DBG_ERR("%s error %.17s\n", text, text);
+  return -1;
+}
+
+void build_upgrade_ack(char* buf, char code) {
+  memset(buf, 0, 256);
+  char client[kIdLen + 1];
+  char dev[kIdLen + 1];
+  if (code == '9') {
+    get_client_id(client);
+  } else {
+    get_upgrade_client_id(client);
+    set_mcast_upgrade_in_progress(0);
+  }
+  get_device_id(dev);
+  snprintf(buf, 256, "REPLYU DO\r\nClient ID:%s\r\nDevice ID:%s\r\nAck:%c", client, dev, code);
+}

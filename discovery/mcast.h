@@ -4,15 +4,17 @@
 #include <netinet/in.h>
 
 #include <atomic>
+#include <cstddef>
+#include <cstdint>
 
 // One multicast endpoint. The socket and addresses live in variables owned by
 // start-up; the record only points at them so the DHCP watcher can replace
 // the socket under the listener.
 struct mcast_endpoint {
-  std::atomic<int>* sock = nullptr;           // IPv4 socket descriptor
-  struct sockaddr_in* bind_addr = nullptr;    // local bind address (also recvfrom's sender)
-  struct sockaddr_in* group_addr = nullptr;   // destination of every reply
-  std::atomic<int>* sock6 = nullptr;          // IPv6 socket descriptor
+  std::atomic<int>* sock = nullptr;          // IPv4 socket descriptor
+  struct sockaddr_in* bind_addr = nullptr;   // local bind address (also recvfrom's sender)
+  struct sockaddr_in* group_addr = nullptr;  // destination of every reply
+  std::atomic<int>* sock6 = nullptr;         // IPv6 socket descriptor
   struct sockaddr_in6* bind_addr6 = nullptr;
   struct sockaddr_in6* group_addr6 = nullptr;
   int port = 0;
@@ -22,3 +24,52 @@ struct mcast_endpoint {
 // Listener threads (argument: the endpoint record).
 void* mcast_func(void* arg);
 void* mcast_batUpgrade_func(void* arg);
+
+// Datagram sizes of the two listeners and the pause after a search datagram.
+inline constexpr size_t kSearchDatagram = 512;
+inline constexpr size_t kBatchDatagram = 5120;
+inline constexpr uint64_t kSearchPauseUs = 300000;
+
+// Opens one IPv4 endpoint: socket, addresses, SO_REUSEADDR, non-blocking,
+// bind, loop off, TTL 10, membership on eth0's address, outgoing interface.
+int init_mcast(std::atomic<int>* sock, struct sockaddr_in* bind_addr,
+               struct sockaddr_in* group_addr, int port, const char* group);
+// block 0: O_NONBLOCK set; otherwise cleared.
+int set_nonblocking(int fd, int block);
+int leave_mcast_group(std::atomic<int>* sock, const char* group);
+// Sends text (without its NUL) to the endpoint's group; a failed send
+// re-opens the endpoint and the text is lost.
+void mcast_send_data(mcast_endpoint* ep, const char* text);
+
+int init_mcast_ipv6(std::atomic<int>* sock, struct sockaddr_in6* bind_addr,
+                    struct sockaddr_in6* group_addr);
+void mcast_send_data_ipv6(mcast_endpoint* ep, const char* text);
+
+// One UDP datagram with a hand-made IPv4 header through a raw socket.
+int ip_udp_send(const char* src_addr, int src_port, const char* dst_addr, int dst_port,
+                const void* payload, size_t len);
+
+// Receive switches of the search and batch listeners (1 = receive).
+std::atomic<int>& mcast_search_switch();
+std::atomic<int>& mcast_batch_switch();
+
+// (Re-)opens an endpoint record with init_mcast on its own group and port.
+// Tests replace the opener to keep traffic on the loopback interface.
+using mcast_open_fn = int (*)(mcast_endpoint* ep);
+int mcast_open_endpoint(mcast_endpoint* ep);
+void set_mcast_open_hook(mcast_open_fn fn);
+
+// The listeners' building blocks.
+// Calls get_net_info until it succeeds, one second apart.
+void mcast_wait_net_info();
+int mcast_net_info_failures();
+// One pass of a listener loop: waits up to 50 ms for a datagram of at most
+// `size` bytes and hands it to mcast_receive (unless an installation or a
+// multicast upgrade runs), then pauses `pause_us`. Returns 1 after a
+// datagram, 0 when none came, 2 while the receive switch is off.
+int mcast_listen_once(mcast_endpoint* ep, std::atomic<int>& recv_switch, size_t size,
+                      uint64_t pause_us);
+
+// Detaches the calling thread and gives it a name (listener and watcher
+// threads).
+void discovery_thread_setup(const char* name);

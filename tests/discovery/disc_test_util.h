@@ -1,0 +1,122 @@
+// Shared pieces of the discovery tests: a camera with a busybox network
+// listing, and endpoints on the loopback interface whose replies a test can
+// read back.
+#pragma once
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstring>
+#include <optional>
+#include <string>
+
+#include "core/upgrade.h"
+#include "discovery/identity.h"
+#include "discovery/mcast.h"
+#include "fakes/fake_platform.h"
+
+inline const std::string kDevId = "0123456789abcdef0123456789abcdef";
+inline const std::string kCliId = "fedcba9876543210fedcba9876543210";
+
+// busybox ifconfig: eth0 first, then lo.
+inline const std::string kIfconfig =
+    "eth0      Link encap:Ethernet  HWaddr 02:00:00:00:00:01  \n"
+    "          inet addr:192.168.77.2  Bcast:192.168.77.255  Mask:255.255.255.0\n"
+    "          UP BROADCAST RUNNING MULTICAST  MTU:1500  Metric:1\n"
+    "          RX packets:12 errors:0 dropped:0 overruns:0 frame:0\n"
+    "lo        Link encap:Local Loopback  \n"
+    "          inet addr:127.0.0.1  Mask:255.0.0.0\n";
+
+inline sockaddr_in loopback_addr(uint16_t port) {
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  a.sin_port = htons(port);
+  return a;
+}
+
+inline int bound_udp(sockaddr_in* out) {
+  int fd = socket(AF_INET, SOCK_DGRAM, 0);
+  sockaddr_in a = loopback_addr(0);
+  bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof(a));
+  socklen_t len = sizeof(a);
+  getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
+  if (out != nullptr) *out = a;
+  return fd;
+}
+
+// Next datagram on fd within timeout_ms, or nothing.
+inline std::optional<std::string> recv_text(int fd, int timeout_ms = 300) {
+  pollfd p{fd, POLLIN, 0};
+  if (poll(&p, 1, timeout_ms) <= 0) return std::nullopt;
+  char buf[8192];
+  ssize_t n = recv(fd, buf, sizeof(buf), 0);
+  if (n < 0) return std::nullopt;
+  return std::string(buf, static_cast<size_t>(n));
+}
+
+// An endpoint whose socket ("the camera") is bound on 127.0.0.1 and whose
+// group address is the tool socket, so replies land on `tool`.
+struct LoopEndpoint {
+  std::atomic<int> sock{-1};
+  std::atomic<int> sock6{-1};
+  sockaddr_in bind{}, group{}, cam_addr{}, tool_addr{};
+  sockaddr_in6 bind6{}, group6{};
+  mcast_endpoint ep;
+  int tool = -1;
+
+  LoopEndpoint() {
+    sock = bound_udp(&cam_addr);
+    tool = bound_udp(&tool_addr);
+    group = tool_addr;
+    ep.sock = &sock;
+    ep.bind_addr = &bind;
+    ep.group_addr = &group;
+    ep.sock6 = &sock6;
+    ep.bind_addr6 = &bind6;
+    ep.group_addr6 = &group6;
+    ep.port = ntohs(cam_addr.sin_port);
+    strcpy(ep.group, "127.0.0.1");
+  }
+  ~LoopEndpoint() {
+    if (sock.load() >= 0) close(sock.load());
+    close(tool);
+  }
+  // The tool sends a command to the camera socket.
+  void send_to_camera(const std::string& data) const {
+    sendto(tool, data.data(), data.size(), 0, reinterpret_cast<const sockaddr*>(&cam_addr),
+           sizeof(cam_addr));
+  }
+  std::optional<std::string> reply(int timeout_ms = 300) const {
+    return recv_text(tool, timeout_ms);
+  }
+};
+
+// A camera with an identity, a network listing and the keyword table.
+struct CameraFixtureBase {
+  FakeCamera cam;
+  CameraFixtureBase() {
+    reset_daemon_state();
+    fill_protocol_keywords();
+    set_device_id(kDevId.c_str());
+    set_client_id("");
+    set_mcast_upgrade_in_progress(0);
+    net_info_t zero{};
+    set_net_info(zero);
+    cam.write("/data/net.conf", "dhcp=0\nipaddr=192.168.77.2\nmacaddr=02:00:00:00:00:01\n");
+    cam.write("/etc/resolv.conf", "nameserver 8.8.8.8\n");
+    // More specific commands first: the first matching rule answers.
+    cam.platform().on("ifconfig eth0 | grep Scope:Global",
+                      "          inet6 addr: 2001:db8:1:2::5/64 Scope:Global\n");
+    cam.platform().on("ifconfig eth0 | grep HWaddr",
+                      "eth0      Link encap:Ethernet  HWaddr 02:00:00:00:00:01  \n");
+    cam.platform().on("/bin/ip -6 route show dev eth0",
+                      "2001:db8:1:2::/64 proto kernel metric 256 pref medium\n");
+    cam.platform().on("ip route show", "192.168.77.1\n");
+    cam.platform().on("ifconfig", kIfconfig);
+  }
+};

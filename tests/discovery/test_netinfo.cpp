@@ -1,0 +1,206 @@
+#include <gtest/gtest.h>
+
+#include "disc_test_util.h"
+#include "discovery/identity.h"
+#include "discovery/oem_serial.h"
+
+namespace {
+
+struct NetInfo : CameraFixtureBase, ::testing::Test {};
+
+TEST_F(NetInfo, BusyboxListingFillsTheRecord) {
+  ASSERT_EQ(get_net_info(), 0);
+  net_info_t ni;
+  copy_net_info(&ni);
+  EXPECT_EQ(ni.dhcp, 0);
+  EXPECT_STREQ(ni.ipaddr, "192.168.77.2");
+  EXPECT_STREQ(ni.netmask, "255.255.255.0");
+  EXPECT_STREQ(ni.gateway, "192.168.77.1");
+  EXPECT_STREQ(ni.fdns, "8.8.8.8");
+  EXPECT_STREQ(ni.macaddr, "02:00:00:00:00:01");
+
+  cam.write("/data/net.conf", "ipaddr=1.2.3.4\ndhcp=1\n");
+  ASSERT_EQ(get_net_info(), 0);
+  copy_net_info(&ni);
+  EXPECT_EQ(ni.dhcp, 1);
+  // Neither key: the flag keeps its value.
+  cam.write("/data/net.conf", "ipaddr=1.2.3.4\n");
+  ASSERT_EQ(get_net_info(), 0);
+  copy_net_info(&ni);
+  EXPECT_EQ(ni.dhcp, 1);
+}
+
+TEST_F(NetInfo, ListingsThatDoNotFit) {
+  // lo listed first, eth0 without an IPv4 address, no MAC, missing net.conf.
+  cam.platform().on("ifconfig", "lo        Link encap:Local Loopback  \n");
+  EXPECT_EQ(get_net_info(), -1);
+  cam.platform().on("ifconfig",
+                    "eth0      Link encap:Ethernet  HWaddr 02:00:00:00:00:01  \n"
+                    "          inet6 addr: fe80::1/64 Scope:Link\n");
+  EXPECT_EQ(get_net_info(), -1);
+  net_info_t ni;
+  copy_net_info(&ni);
+  EXPECT_STREQ(ni.macaddr, "02:00:00:00:00:01");  // what was found is kept
+  cam.platform().on("ifconfig", "eth0      Link encap:Ethernet  \n");
+  EXPECT_EQ(get_net_info(), -1);
+  cam.platform().on("ifconfig", "eth0      Link encap:Ethernet  HWaddr 02:00");  // cut short
+  EXPECT_EQ(get_net_info(), -1);
+  cam.platform().on("ifconfig", kIfconfig);
+  cam.platform().clear();
+  remove(cam.path("/data/net.conf").c_str());
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(get_net_info(), -1);
+  EXPECT_NE(testing::internal::GetCapturedStderr().find("fopen /data/net.conf failed"),
+            std::string::npos);
+  // ifconfig is not even run.
+  for (const auto& c : cam.platform().commands()) EXPECT_NE(c, "ifconfig");
+}
+
+TEST_F(NetInfo, GatewayAndDns) {
+  char out[32];
+  cam.platform().on("ip route show", "10.0.0.254\n10.0.0.253\n");
+  EXPECT_EQ(get_gateway(out), 0);
+  EXPECT_STREQ(out, "10.0.0.254");
+
+  cam.write("/etc/resolv.conf",
+            "# generated\nsearch lan\nnameserver 1.1.1.1\nnameserver 9.9.9.9\n");
+  EXPECT_EQ(get_dns_server(out), 0);
+  EXPECT_STREQ(out, "1.1.1.1");
+  cam.write("/etc/resolv.conf", "search lan\n");
+  EXPECT_EQ(get_dns_server(out), -1);
+  EXPECT_STREQ(out, "");
+  cam.write("/etc/resolv.conf", "nameserver");
+  EXPECT_EQ(get_dns_server(out), 0);
+  EXPECT_STREQ(out, "");
+}
+
+TEST(Gateway, PipeFailure) {
+  FakeCamera cam;
+  cam.platform().popen_fails("ip route show");
+  char out[32] = "x";
+  EXPECT_EQ(get_gateway(out), -1);
+  EXPECT_STREQ(out, "");
+}
+
+TEST_F(NetInfo, ConfigBodyGoesToNetConfAndDnsOnlyWithFdns) {
+  std::string head = "CONFIGNET\r\nDevice ID:" + kDevId + "\r\nClient ID:" + kCliId;
+  read_net_info((head + "\ndhcp=0\nipaddr=10.0.0.5\nfdns=1.0.0.1\n").c_str());
+  EXPECT_EQ(cam.read("/data/net.conf"), "dhcp=0\nipaddr=10.0.0.5\nfdns=1.0.0.1\n");
+  EXPECT_EQ(cam.read("/etc/resolv.conf"), "nameserver 1.0.0.1\n");
+  EXPECT_TRUE(cam.platform().ran("rm /etc/resolv.conf"));
+
+  // "\r\n" bodies keep their line ends (the skip leaves the "\n" of the
+  // separator); the DNS value stops before the "\r".
+  read_net_info((head + "\r\ndhcp=1\r\nfdns=4.4.4.4\r\n").c_str());
+  EXPECT_EQ(cam.read("/data/net.conf"), "\ndhcp=1\r\nfdns=4.4.4.4\r\n");
+  EXPECT_EQ(cam.read("/etc/resolv.conf"), "nameserver 4.4.4.4\n");
+
+  cam.platform().clear();
+  read_net_info((head + "\ndhcp=1\nipaddr=10.0.0.6").c_str());
+  EXPECT_EQ(cam.read("/data/net.conf"), "dhcp=1\nipaddr=10.0.0.6");
+  EXPECT_EQ(cam.read("/etc/resolv.conf"), "nameserver 4.4.4.4\n");
+  EXPECT_FALSE(cam.platform().ran("rm /etc/resolv.conf"));
+
+  // Key at the very end, body shorter than the skip, no key at all.
+  read_net_info((head + "\nfdns=").c_str());
+  EXPECT_EQ(cam.read("/etc/resolv.conf"), "nameserver \n");
+  read_net_info("CONFIGNET Client ID:abc");
+  EXPECT_EQ(cam.read("/data/net.conf"), "");
+  read_net_info("dhcp=1\n");
+  EXPECT_EQ(cam.read("/data/net.conf"), "dhcp=1\n");
+
+  read_net_info_only_deviceid(("X\r\nDevice ID:" + kDevId + "\ndhcp=0\n").c_str());
+  EXPECT_EQ(cam.read("/data/net.conf"), "dhcp=0\n");
+}
+
+TEST_F(NetInfo, UpdateConfReplacesKeyLinesOnly) {
+  cam.write("/data/x.conf", "a=1\nmacaddr=old\nb=2\nmacaddr=old2\n" + std::string(120, 'z') + "\n");
+  EXPECT_EQ(update_conf_2("/data/x.conf", "macaddr=", "macaddr=new"), 0);
+  EXPECT_EQ(cam.read("/data/x.conf"),
+            "a=1\nmacaddr=new\nb=2\nmacaddr=new\n" + std::string(96, 'z') + "\n");
+  EXPECT_EQ(update_conf_2("/data/missing", "k", "k=1"), -1);
+  // Without the key nothing changes (no line is added).
+  cam.write("/etc/resolv.conf", "search lan\n");
+  set_resolv_nameserver("fdns=8.8.4.4");
+  EXPECT_EQ(cam.read("/etc/resolv.conf"), "search lan\n");
+}
+
+TEST_F(NetInfo, SerialAndMacFromTheProductionCommand) {
+  std::string msg = "LUMCONFIG\nDevice ID:" + kDevId + "\nClient ID:" + kCliId +
+                    "\nSerial No:SN-000123\nMac Address:02:11:22:33:44:55";
+  update_serialNo_and_mac(msg.c_str());
+  char serial[64];
+  ASSERT_EQ(oem_serial_read(serial, sizeof(serial)), 0);
+  EXPECT_STREQ(serial, "SN-000123");
+  EXPECT_EQ(cam.read("/data/net.conf"), "dhcp=0\nipaddr=192.168.77.2\nmacaddr=02:11:22:33:44:55\n");
+
+  // "\r\n" separators give the same values.
+  msg = "LUMCONFIG\r\nDevice ID:" + kDevId + "\r\nClient ID:" + kCliId +
+        "\r\nSerial No:SN-9\r\nMac Address:02:aa:bb:cc:dd:ee\r\n";
+  update_serialNo_and_mac(msg.c_str());
+  oem_serial_read(serial, sizeof(serial));
+  EXPECT_STREQ(serial, "SN-9");
+  EXPECT_NE(cam.read("/data/net.conf").find("macaddr=02:aa:bb:cc:dd:ee\n"), std::string::npos);
+
+  // Without the MAC key the serial is not taken and net.conf is left alone.
+  std::string before = cam.read("/data/net.conf");
+  update_serialNo_and_mac("LUMCONFIG Serial No:XYZ");
+  oem_serial_read(serial, sizeof(serial));
+  EXPECT_STREQ(serial, "SN-9");
+  EXPECT_EQ(cam.read("/data/net.conf"), before);
+}
+
+TEST_F(NetInfo, OemSerialRecordLayout) {
+  char serial[64] = "junk";
+  EXPECT_EQ(oem_serial_read(serial, sizeof(serial)), 0);
+  EXPECT_STREQ(serial, "");
+  std::string rec = cam.read(kOemSerialPath);
+  ASSERT_EQ(rec.size(), kOemSerialRecordSize);  // created with defaults
+  EXPECT_EQ(rec.substr(0, 8), std::string("FSER\x01\0\0\0", 8));
+
+  std::string longest(100, 'S');
+  EXPECT_EQ(oem_serial_write(longest.c_str()), 0);
+  oem_serial_read(serial, sizeof(serial));
+  EXPECT_EQ(std::string(serial), std::string(63, 'S'));
+  char small[5];
+  oem_serial_read(small, sizeof(small));
+  EXPECT_STREQ(small, "SSSS");
+
+  cam.write(kOemSerialPath, "not a record");
+  oem_serial_read(serial, sizeof(serial));
+  EXPECT_STREQ(serial, "");
+  EXPECT_EQ(cam.read(kOemSerialPath), "not a record");  // foreign data is not overwritten
+}
+
+TEST_F(NetInfo, Ipv6Helpers) {
+  char out[64] = {};
+  EXPECT_EQ(get_ipv6_global_addr("eth0", out, sizeof(out)), 0);
+  EXPECT_STREQ(out, "2001:db8:1:2::5");
+  EXPECT_EQ(get_ipv6_prefix("eth0", out, sizeof(out)), 0);
+  EXPECT_STREQ(out, "/64");
+  EXPECT_EQ(get_ipv6_mac("eth0", out, sizeof(out)), 0);
+  EXPECT_STREQ(out, "02:00:00:00:00:01");
+
+  char gw[64] = {};
+  get_local_gateway_ipv6("eth0", "2001:db8:1:2::5", "/0", gw, sizeof(gw));
+  EXPECT_STREQ(gw, "::");
+  gw[0] = '\0';
+  get_local_gateway_ipv6("eth0", "2001:db8:1:2::5", "/60", gw, sizeof(gw));
+  EXPECT_STREQ(gw, "::");
+  gw[0] = '\0';
+  get_local_gateway_ipv6("eth0", "2001:0db8:0001:0002::5", "/32", gw, sizeof(gw));
+  EXPECT_STREQ(gw, "::");  // "2001:0db8" is not in the route text
+  gw[0] = '\0';
+  get_local_gateway_ipv6("eth0", "2001:db8:1:2::5", "/16", gw, sizeof(gw));
+  EXPECT_STREQ(gw, "2001:db8:1:2::/64");
+
+  ASSERT_EQ(get_net_ipv6_info(), 0);
+  net_info_ipv6_t v6;
+  copy_net_info_ipv6(&v6);
+  EXPECT_STREQ(v6.ip, "2001:db8:1:2::5");
+  EXPECT_STREQ(v6.prefix, "/64");
+  EXPECT_STREQ(v6.fdns, "240c:6666");
+  EXPECT_STREQ(v6.mac, "02:00:00:00:00:01");
+}
+
+}  // namespace

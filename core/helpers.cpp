@@ -80,9 +80,11 @@ int kill_pid_main() {
   return 0;
 }
 
-int md5_verify(const char* path, const char* md5) {
+namespace {
+// Runs md5sum on `path` and reads its 32 digits into `digest` (33 bytes).
+int read_md5(const char* path, char* digest) {
   std::string cmd = std::string("/usr/bin/md5sum ") + path;
-  char digest[33] = {};
+  memset(digest, 0, 33);
   int n = sys().shell_read(cmd, digest, 32);
   if (n < 0) {
     DBG_ERR("popen failed\n");
@@ -92,6 +94,13 @@ int md5_verify(const char* path, const char* md5) {
     DBG_ERR("fread %s failed\n", cmd.c_str());
     return -1;
   }
+  return 0;
+}
+}  // namespace
+
+int md5_verify(const char* path, const char* md5) {
+  char digest[33];
+  if (read_md5(path, digest) != 0) return -1;
   DBG_INFO("destfilemd5: %s, len: %d\n", digest, static_cast<int>(strlen(digest)));
   DBG_INFO("srcmd5: %s, len: %d\n", md5, static_cast<int>(strlen(md5)));
   TRACE_DATA("file md5: %s\n", digest);
@@ -241,18 +250,9 @@ void query_ps_process() {
 }
 
 int get_file_md5(const char* path, char* md5_out) {
-  std::string cmd = std::string("/usr/bin/md5sum ") + path;
-  char digest[33] = {};
-  int n = sys().shell_read(cmd, digest, 32);
-  if (n < 0) {
-    DBG_ERR("popen failed\n");
-    return -1;
-  }
-  if (n < 32) {
-    DBG_ERR("fread %s failed\n", cmd.c_str());
-    return -1;
-  }
-  memcpy(md5_out, digest, 33);
+  char digest[33];
+  if (read_md5(path, digest) != 0) return -1;
+  memcpy(md5_out, digest, sizeof(digest));
   return 0;
 }
 

@@ -189,8 +189,9 @@ void Stm32Sim::send(const uint8_t* data, size_t len) {
 }
 
 // Sends the next ACK unless a fault replaces it; a NACK or silence ends the
-// command (thrown as the Fault).
-void Stm32Sim::ack() {
+// command (thrown as the Fault). `accepted` runs just before a real ACK goes
+// out, so that a client that has read the ACK also sees its effect.
+void Stm32Sim::ack(const std::function<void()>& accepted) {
   Injected hit{Fault::kNack, 0, 0};
   bool faulted = false;
   {
@@ -204,6 +205,7 @@ void Stm32Sim::ack() {
     }
   }
   if (!faulted) {
+    if (accepted) accepted();
     send_byte(kAck);
     return;
   }
@@ -217,6 +219,7 @@ void Stm32Sim::ack() {
       throw Fault::kSilence;
     }
     case Fault::kStrayByte:
+      if (accepted) accepted();
       send_byte(hit.stray);
       send_byte(kAck);
       return;
@@ -350,10 +353,11 @@ void Stm32Sim::cmd_go() {
   ack();
   uint32_t address;
   if (!get_address(&address) || !in_flash(address, 1)) return nack();
-  ack();
-  std::lock_guard<std::mutex> lock(mu_);
-  go_ = address;
-  running_app_ = true;
+  ack([&] {
+    std::lock_guard<std::mutex> lock(mu_);
+    go_ = address;
+    running_app_ = true;
+  });
 }
 
 void Stm32Sim::cmd_write() {

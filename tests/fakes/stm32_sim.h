@@ -12,6 +12,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -115,7 +116,7 @@ class Stm32Sim {
   uint8_t get_byte();
   void send(const uint8_t* data, size_t len);
   void send_byte(uint8_t b) { send(&b, 1); }
-  void ack();
+  void ack(const std::function<void()>& accepted = {});
   void nack();
   bool get_address(uint32_t* address);
   bool in_flash(uint32_t address, size_t len) const;

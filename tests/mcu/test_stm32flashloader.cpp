@@ -58,6 +58,10 @@ struct Wiring {
   uint32_t boot0_addr, boot0_value;  // 0: BOOT0 not driven
 };
 
+// Names the case in test listings instead of dumping its bytes.
+void PrintTo(const Wiring& w, std::ostream* os) { *os << "board type " << w.type; }
+
+
 const Wiring kWirings[] = {
     {1, {{0x200F01E4, 0}, {0x200F01DC, 0}}, {{0x20210400, 0x50}}, 0x20210100, 0x40, 0x20210040, 0x10},
     {3, {{0x200F0078, 0}, {0x200F01DC, 0}}, {{0x201D0400, 0x04}, {0x20210400, 0x10}}, 0x201D0010, 0x04,

@@ -506,19 +506,32 @@ class Lan:
         """Sends data to the group and collects what arrives on it until the
         timeout (or `count` replies). With `resend` (seconds) the datagram is
         sent again at that interval while too few replies have come; only for
-        idempotent requests."""
+        idempotent requests. When resending, `count` counts distinct senders:
+        a camera that answers every resend still counts once."""
         with self.listen(group, port) as lst:
             got = []
             deadline = time.monotonic() + timeout
+
+            def enough():
+                if count is None:
+                    return False
+                heard = len({r.src for r in got}) if resend else len(got)
+                return heard >= count
+
             while True:
                 lst.send(data)
                 left = deadline - time.monotonic()
                 if left <= 0:
                     break
-                need = None if count is None else count - len(got)
-                got += lst.collect(min(left, resend) if resend else left, need, match,
-                                   from_ip)
-                if count is not None and len(got) >= count:
+                need = None if count is None or resend else count - len(got)
+                window = min(left, resend) if resend else left
+                end = time.monotonic() + window
+                while not enough() and time.monotonic() < end:
+                    got += lst.collect(end - time.monotonic(), 1 if resend else need, match,
+                                       from_ip)
+                    if not resend:
+                        break
+                if enough():
                     break
                 if not resend or time.monotonic() >= deadline:
                     break

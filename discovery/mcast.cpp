@@ -45,6 +45,20 @@ void close_endpoint_socket(std::atomic<int>* sock) {
   if (fd >= 0) close(fd);
 }
 
+// Sends `text` to the group address of an endpoint (copied under the lock,
+// as a re-open may rewrite it); false when sendto fails.
+template <class Addr>
+bool send_to_group(const std::atomic<int>* sock, const Addr* group, const char* text) {
+  Addr to;
+  {
+    std::lock_guard<std::mutex> lock(g_addr_mu);
+    to = *group;
+  }
+  int fd = sock->load();
+  return sendto(fd, text, strlen(text), 0, reinterpret_cast<struct sockaddr*>(&to), sizeof(to)) >=
+         0;
+}
+
 }  // namespace
 
 std::atomic<int>& mcast_search_switch() { return g_search_switch; }
@@ -160,14 +174,7 @@ int leave_mcast_group(std::atomic<int>* sock, const char* group) {
 }
 
 void mcast_send_data(mcast_endpoint* ep, const char* text) {
-  struct sockaddr_in to;
-  {
-    std::lock_guard<std::mutex> lock(g_addr_mu);
-    to = *ep->group_addr;
-  }
-  int fd = ep->sock->load();
-  if (sendto(fd, text, strlen(text), 0, reinterpret_cast<struct sockaddr*>(&to), sizeof(to)) >= 0)
-    return;
+  if (send_to_group(ep->sock, ep->group_addr, text)) return;
   DBG_ERR("sendto failed\n");
   sys().sync();
   close_endpoint_socket(ep->sock);
@@ -238,14 +245,7 @@ int init_mcast_ipv6(std::atomic<int>* sock, struct sockaddr_in6* bind_addr,
 }
 
 void mcast_send_data_ipv6(mcast_endpoint* ep, const char* text) {
-  struct sockaddr_in6 to;
-  {
-    std::lock_guard<std::mutex> lock(g_addr_mu);
-    to = *ep->group_addr6;
-  }
-  int fd = ep->sock6->load();
-  if (sendto(fd, text, strlen(text), 0, reinterpret_cast<struct sockaddr*>(&to), sizeof(to)) >= 0)
-    return;
+  if (send_to_group(ep->sock6, ep->group_addr6, text)) return;
   DBG_ERR("sendto failed\n");
   sys().sync();
   close_endpoint_socket(ep->sock6);

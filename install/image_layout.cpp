@@ -48,6 +48,23 @@ bool silences_upgrade_log(const char* partition_name) {
          strstr(partition_name, "data") != nullptr;
 }
 
+void place_partition(image_cursor* cursor, int index, int32_t image_size, part_place* place) {
+  char dev_name[16];
+  mtd_part_dev(index, dev_name, sizeof(dev_name));
+  place->device = std::string("/dev/") + dev_name;
+  place->length = std::string("0x") + daemon_state.mtd[index].size;
+  const uint32_t size = mtd_part_size(index);
+  place->covered = true;
+  if (index == 0) {
+    snprintf(place->file_offset, sizeof(place->file_offset), "0x00");
+  } else {
+    cursor->file_offset += cursor->prev_size;
+    snprintf(place->file_offset, sizeof(place->file_offset), "0x%X", cursor->file_offset);
+    place->covered = image_size >= static_cast<int32_t>(cursor->file_offset + size);
+  }
+  cursor->prev_size = size;
+}
+
 bool is_safe_file_name(const char* name) {
   if (name == nullptr) return false;
   for (const char* p = name; *p != '\0'; ++p) {

@@ -7,6 +7,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 
 #include "core/dbgout.h"
 
@@ -35,6 +36,23 @@ bool mtd_part_dev(int index, char* out, unsigned out_len);
 // the upgrade log lives on such a partition, so from the first of them on an
 // installation stops writing to it.
 bool silences_upgrade_log(const char* partition_name);
+
+// Where a partition lies in a whole-flash image. The installers walk the
+// partitions from 0 on with one image_cursor.
+struct image_cursor {
+  uint32_t file_offset = 0;  // image offset of the partition before
+  uint32_t prev_size = 0;    // that partition's size
+};
+struct part_place {
+  std::string device;    // "/dev/mtd3"
+  std::string length;    // "0x" + the table's size text
+  char file_offset[16];  // "0x00" for partition 0, else "0x%X"
+  bool covered;          // false: the image ends before this partition does
+                         // (never for partition 0)
+};
+// Fills `place` for partition `index` (below daemon_state.mtd_num) and moves
+// `cursor` past it.
+void place_partition(image_cursor* cursor, int index, int32_t image_size, part_place* place);
 
 // Console line, plus the upgrade log unless the installation runs quiet.
 #define INSTALL_LOG(quiet, fmt, ...)              \

@@ -56,6 +56,30 @@ uint32_t text_number(const char* text) {
 bool seek_to(MtdDevices& dev, int fd, uint32_t offset) {
   return dev.lseek(fd, static_cast<off_t>(offset), SEEK_SET) == static_cast<off_t>(offset);
 }
+
+// Reads the erase block at `addr` into `buf`: nullptr, or the trace line
+// telling which step failed.
+const char* read_block(MtdDevices& dev, int fd, uint32_t addr, unsigned char* buf, uint32_t bs) {
+  if (!seek_to(dev, fd, addr)) return "lseek error\n";
+  if (dev.read(fd, buf, bs) < 0) return "read error\n";
+  return nullptr;
+}
+
+// Opens the image at `path` positioned at `file_offset`; nullptr (after
+// perror) when it cannot.
+FILE* open_image_at(const char* path, uint32_t file_offset) {
+  FILE* fp = fopen(cam_path(path).c_str(), "r");
+  if (fp == nullptr) {
+    perror("fopen()");
+    return nullptr;
+  }
+  if (fseeko(fp, static_cast<off_t>(file_offset), SEEK_SET) != 0) {
+    perror("fseek()");
+    fclose(fp);
+    return nullptr;
+  }
+  return fp;
+}
 }  // namespace
 
 MtdDevices& mtd_devices() { return *g_mtd.load(std::memory_order_acquire); }
@@ -195,16 +219,8 @@ int file_to_flash(int fd, uint32_t offset, uint32_t length, const char* path,
     perror("lseek()");
     return 1;
   }
-  FILE* fp = fopen(cam_path(path).c_str(), "r");
-  if (fp == nullptr) {
-    perror("fopen()");
-    return 1;
-  }
-  if (fseeko(fp, static_cast<off_t>(file_offset), SEEK_SET) != 0) {
-    perror("fseek()");
-    fclose(fp);
-    return 1;
-  }
+  FILE* fp = open_image_at(path, file_offset);
+  if (fp == nullptr) return 1;
   unsigned char* buf = static_cast<unsigned char*>(malloc(kCopyBuffer));
   if (buf == nullptr) {
     fprintf(stderr, "%s: malloc(%#x) failed\n", "file_to_flash", kCopyBuffer);
@@ -246,16 +262,8 @@ int file_to_flash_erase_write(uint32_t* progress, int fd, uint32_t offset, uint3
     return -1;
   }
   MtdDevices& dev = mtd_devices();
-  FILE* fp = fopen(cam_path(path).c_str(), "r");
-  if (fp == nullptr) {
-    perror("fopen()");
-    return 1;
-  }
-  if (fseeko(fp, static_cast<off_t>(file_offset), SEEK_SET) != 0) {
-    perror("fseek()");
-    fclose(fp);
-    return 1;
-  }
+  FILE* fp = open_image_at(path, file_offset);
+  if (fp == nullptr) return 1;
   mtd_info_user info{};
   if (dev.get_info(fd, &info) < 0 || info.erasesize == 0) {
     TRACE("get MEMGETINFO failed!\n");
@@ -289,13 +297,8 @@ int file_to_flash_erase_write(uint32_t* progress, int fd, uint32_t offset, uint3
       break;
     }
     if (progress != nullptr) *progress += bs;
-    if (!seek_to(dev, fd, addr)) {
-      TRACE("lseek error\n");
-      result = -1;
-      break;
-    }
-    if (dev.read(fd, flash_buf, bs) < 0) {
-      TRACE("read error\n");
+    if (const char* failed = read_block(dev, fd, addr, flash_buf, bs)) {
+      TRACE("%s", failed);
       result = -1;
       break;
     }
@@ -324,13 +327,8 @@ int file_to_flash_erase_write(uint32_t* progress, int fd, uint32_t offset, uint3
         result = -1;
         break;
       }
-      if (!seek_to(dev, fd, addr)) {
-        TRACE("lseek error\n");
-        result = -1;
-        break;
-      }
-      if (dev.read(fd, flash_buf, bs) < 0) {
-        TRACE("read error\n");
+      if (const char* failed = read_block(dev, fd, addr, flash_buf, bs)) {
+        TRACE("%s", failed);
         result = -1;
         break;
       }

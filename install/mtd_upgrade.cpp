@@ -29,35 +29,23 @@ bool write_partitions(const char* image_path, int32_t image_size) {
   bool env_set = false;
   bool quiet = false;
   bool all_done = true;
-  uint32_t file_offset = 0;
-  uint32_t prev_size = 0;
+  image_cursor cursor;
   for (int i = 0; i < st.mtd_num && i < kMaxMtd; ++i) {
     if (silences_upgrade_log(st.mtd[i].name)) quiet = true;
-    char dev_name[16];
-    mtd_part_dev(i, dev_name, sizeof(dev_name));
-    const std::string device = std::string("/dev/") + dev_name;
-    const std::string length = std::string("0x") + st.mtd[i].size;
-    const uint32_t size = mtd_part_size(i);
-    char file_offset_text[16];
-    if (i == 0) {
-      snprintf(file_offset_text, sizeof(file_offset_text), "0x00");
-    } else {
-      file_offset += prev_size;
-      snprintf(file_offset_text, sizeof(file_offset_text), "0x%X", file_offset);
-      if (image_size < static_cast<int32_t>(file_offset + size)) {
-        DBG_INFO("exit mtdbug\n");
-        quiet = false;
-        DBG_INFO("ALL_MTD upgrade succeed\n");
-        all_done = false;
-        break;
-      }
+    part_place place;
+    place_partition(&cursor, i, image_size, &place);
+    if (!place.covered) {
+      DBG_INFO("exit mtdbug\n");
+      quiet = false;
+      DBG_INFO("ALL_MTD upgrade succeed\n");
+      all_done = false;
+      break;
     }
-    prev_size = size;
-    DBG_INFO("mtd_file_offset: %s\n", file_offset_text);
+    DBG_INFO("mtd_file_offset: %s\n", place.file_offset);
     INSTALL_LOG(quiet, "mtd%d write_addr 0x%x skip:%d dev_offset:%s file_offset:%s\n", i,
-                write_addr, 0, "0", file_offset_text);
-    orn_mtd2(&write_addr, "erase_write", device.c_str(), "0", length.c_str(), image_path,
-             file_offset_text);
+                write_addr, 0, "0", place.file_offset);
+    orn_mtd2(&write_addr, "erase_write", place.device.c_str(), "0", place.length.c_str(),
+             image_path, place.file_offset);
     if (!env_set && write_addr >= st.flash_unerase_offset) {
       set_net_upgrade_flag(1);
       set_dfu_upgrade_flag(0);

@@ -105,30 +105,18 @@ bool write_partitions(const std::string& image) {
   // only partition 0 is ever handled, the loop leaves at partition 1.
   int32_t image_size = 0;
   bool quiet = false;
-  uint32_t file_offset = 0;
-  uint32_t prev_size = 0;
+  image_cursor cursor;
   for (int i = 0; i < st.mtd_num && i < kMaxMtd; ++i) {
     if (silences_upgrade_log(st.mtd[i].name)) quiet = true;
-    char dev_name[16];
-    mtd_part_dev(i, dev_name, sizeof(dev_name));
-    const std::string device = std::string("/dev/") + dev_name;
-    const std::string length = std::string("0x") + st.mtd[i].size;
-    const uint32_t size = mtd_part_size(i);
-    char file_offset_text[16];
-    if (i == 0) {
-      snprintf(file_offset_text, sizeof(file_offset_text), "0x00");
-    } else {
-      file_offset += prev_size;
-      snprintf(file_offset_text, sizeof(file_offset_text), "0x%X", file_offset);
-      if (image_size < static_cast<int32_t>(file_offset + size)) {
-        DBG_INFO("exit mtdbug\n");
-        quiet = false;
-        DBG_INFO("ALL_MTD upgrade succeed\n");
-        break;
-      }
+    part_place place;
+    place_partition(&cursor, i, image_size, &place);
+    if (!place.covered) {
+      DBG_INFO("exit mtdbug\n");
+      quiet = false;
+      DBG_INFO("ALL_MTD upgrade succeed\n");
+      break;
     }
-    prev_size = size;
-    DBG_INFO("mtd_file_offset: %s\n", file_offset_text);
+    DBG_INFO("mtd_file_offset: %s\n", place.file_offset);
     DBG_INFO("erase %s...\n", st.mtd[i].name);
     set_net_upgrade_flag(1);
     DBG_INFO("set_net_upgrade_flag(1)\n");
@@ -154,7 +142,7 @@ bool write_partitions(const std::string& image) {
         continue;
       }
     }
-    int ret = orn_mtd("erase", device.c_str(), "0x00", length.c_str(), " ", "0x00");
+    int ret = orn_mtd("erase", place.device.c_str(), "0x00", place.length.c_str(), " ", "0x00");
     if (piece != nullptr) sys().shell(std::string("rm -rf ") + piece);
     if (ret == -1) {
       DBG_INFO("orn_mtd:erase ret: %d\n", ret);
@@ -162,7 +150,8 @@ bool write_partitions(const std::string& image) {
       return true;
     }
     sys().sleep_us(200000);
-    ret = orn_mtd("write", device.c_str(), "0x00", length.c_str(), image.c_str(), file_offset_text);
+    ret = orn_mtd("write", place.device.c_str(), "0x00", place.length.c_str(), image.c_str(),
+                  place.file_offset);
     if (ret == -1) {
       DBG_INFO("orn_mtd:write ret: %d\n", ret);
       reboot_sequence();

@@ -87,6 +87,80 @@ bool boot0_line(gpio_line* line) {
 
 void* map_block(uint32_t phys) { return memmap(phys, kBlockSize); }
 
+// What gpioinit does for one board type: the register blocks to map (in this
+// order, each with the line printed when it cannot be mapped), then the
+// pin-mux writes and the direction bits to set. Lists end at a null slot.
+struct block_need {
+  void** slot;
+  uint32_t phys;
+  const char* fail;
+};
+struct pinmux_write {
+  void** block;
+  uint32_t offset;
+  uint32_t value;
+};
+struct dir_bits {
+  void** block;
+  uint8_t bits;
+};
+struct board_pins {
+  block_need blocks[4];
+  pinmux_write pinmux[3];
+  dir_bits dirs[2];
+};
+
+constexpr const char* kFailPinmux16 = "memmap hi3516a gpio0 reg baseaddr fail\n";
+constexpr const char* kFailGpio16 = "memmap hi3516a gpio13 reg baseaddr fail\n";
+constexpr const char* kFailPinmux19 = "memmap hi3519a pinmux reg baseaddr fail\n";
+constexpr const char* kFailGpio5 = "memmap hi3519a gpio5 reg baseaddr fail\n";
+constexpr const char* kFailGpio7 = "memmap hi3519a gpio7 reg baseaddr fail\n";
+
+constexpr board_pins kPinsK1 = {
+    {{&g_hi3516a_pinmux, kHi3516aPinmux, kFailPinmux16},
+     {&g_hi3516a_gpio13, kHi3516aGpio13, kFailGpio16}},
+    {{&g_hi3516a_pinmux, 0x1E4, 0}, {&g_hi3516a_pinmux, 0x1DC, 0}},
+    {{&g_hi3516a_gpio13, 0x40}, {&g_hi3516a_gpio13, 0x10}}};
+constexpr board_pins kPinsK4 = {
+    {{&g_hi3516a_pinmux, kHi3516aPinmux, kFailPinmux16},
+     {&g_hi3516a_gpio9, kHi3516aGpio9, kFailGpio16},
+     {&g_hi3516a_gpio13, kHi3516aGpio13, kFailGpio16}},
+    {{&g_hi3516a_pinmux, 0x078, 0}, {&g_hi3516a_pinmux, 0x1DC, 0}},
+    {{&g_hi3516a_gpio9, 0x04}, {&g_hi3516a_gpio13, 0x10}}};
+constexpr board_pins kPinsRq500 = {
+    {{&g_hi3519a_pinmux, kHi3519aPinmux, kFailPinmux19},
+     {&g_hi3519a_gpio5, kHi3519aGpio5, kFailGpio5},
+     {&g_hi3519a_gpio_reset, kHi3519aGpioReset, kFailGpio7}},
+    {{&g_hi3519a_pinmux, 0x098, 0}, {&g_hi3519a_pinmux, 0x1D8, 1}},
+    {{&g_hi3519a_gpio5, 0x10}, {&g_hi3519a_gpio_reset, 0x02}}};
+constexpr board_pins kPinsRq500t = {
+    {{&g_hi3519a_pinmux2, kHi3519aPinmux2, kFailPinmux19},
+     {&g_hi3519a_pinmux, kHi3519aPinmux, kFailPinmux19},
+     {&g_hi3519a_gpio5, kHi3519aGpio5, kFailGpio5},
+     {&g_hi3519a_gpio7, kHi3519aGpio7, kFailGpio7}},
+    {{&g_hi3519a_pinmux2, 0x00C, 0xF0},
+     {&g_hi3519a_pinmux, 0x098, 0},
+     {&g_hi3519a_pinmux, 0x0F0, 0}},
+    {{&g_hi3519a_gpio5, 0x10}, {&g_hi3519a_gpio7, 0x80}}};
+// Types 7 and 8.
+constexpr board_pins kPinsRq500s = {
+    {{&g_hi3519a_pinmux, kHi3519aPinmux, kFailPinmux19},
+     {&g_hi3519a_gpio5, kHi3519aGpio5, kFailGpio5}},
+    {{&g_hi3519a_pinmux, 0x0A0, 0}, {&g_hi3519a_pinmux, 0x0A4, 0}},
+    {{&g_hi3519a_gpio5, 0x40}, {&g_hi3519a_gpio5, 0x80}}};
+
+const board_pins* pins_of(int type) {
+  switch (type) {
+    case CAM_TYPE_K1: return &kPinsK1;
+    case CAM_TYPE_K4: return &kPinsK4;
+    case CAM_TYPE_RQ500: return &kPinsRq500;
+    case CAM_TYPE_RQ500T: return &kPinsRq500t;
+    case CAM_TYPE_RQ500S:
+    case CAM_TYPE_R300I: return &kPinsRq500s;
+    default: return nullptr;
+  }
+}
+
 }  // namespace
 
 int gpioinit() {
@@ -94,112 +168,23 @@ int gpioinit() {
   g_hi3516a_pinmux = g_hi3516a_gpio9 = g_hi3516a_gpio13 = nullptr;
   g_hi3519a_pinmux = g_hi3519a_pinmux2 = g_hi3519a_gpio5 = nullptr;
   g_hi3519a_gpio7 = g_hi3519a_gpio_reset = nullptr;
-  switch (board_type.load()) {
-    case CAM_TYPE_K1:
-      g_hi3516a_pinmux = map_block(kHi3516aPinmux);
-      if (g_hi3516a_pinmux == nullptr) {
-        DBG_ERR("memmap hi3516a gpio0 reg baseaddr fail\n");
-        return -1;
-      }
-      g_hi3516a_gpio13 = map_block(kHi3516aGpio13);
-      if (g_hi3516a_gpio13 == nullptr) {
-        DBG_ERR("memmap hi3516a gpio13 reg baseaddr fail\n");
-        return -1;
-      }
-      reg_write(g_hi3516a_pinmux, 0x1E4, 0);
-      reg_write(g_hi3516a_pinmux, 0x1DC, 0);
-      dir_set(g_hi3516a_gpio13, 0x40);
-      dir_set(g_hi3516a_gpio13, 0x10);
-      return 0;
-    case CAM_TYPE_K4:
-      g_hi3516a_pinmux = map_block(kHi3516aPinmux);
-      if (g_hi3516a_pinmux == nullptr) {
-        DBG_ERR("memmap hi3516a gpio0 reg baseaddr fail\n");
-        return -1;
-      }
-      g_hi3516a_gpio9 = map_block(kHi3516aGpio9);
-      if (g_hi3516a_gpio9 == nullptr) {
-        DBG_ERR("memmap hi3516a gpio13 reg baseaddr fail\n");
-        return -1;
-      }
-      g_hi3516a_gpio13 = map_block(kHi3516aGpio13);
-      if (g_hi3516a_gpio13 == nullptr) {
-        DBG_ERR("memmap hi3516a gpio13 reg baseaddr fail\n");
-        return -1;
-      }
-      reg_write(g_hi3516a_pinmux, 0x078, 0);
-      reg_write(g_hi3516a_pinmux, 0x1DC, 0);
-      dir_set(g_hi3516a_gpio9, 0x04);
-      dir_set(g_hi3516a_gpio13, 0x10);
-      return 0;
-    case CAM_TYPE_RQ500:
-      g_hi3519a_pinmux = map_block(kHi3519aPinmux);
-      if (g_hi3519a_pinmux == nullptr) {
-        DBG_ERR("memmap hi3519a pinmux reg baseaddr fail\n");
-        return -1;
-      }
-      g_hi3519a_gpio5 = map_block(kHi3519aGpio5);
-      if (g_hi3519a_gpio5 == nullptr) {
-        DBG_ERR("memmap hi3519a gpio5 reg baseaddr fail\n");
-        return -1;
-      }
-      g_hi3519a_gpio_reset = map_block(kHi3519aGpioReset);
-      if (g_hi3519a_gpio_reset == nullptr) {
-        DBG_ERR("memmap hi3519a gpio7 reg baseaddr fail\n");
-        return -1;
-      }
-      reg_write(g_hi3519a_pinmux, 0x098, 0);
-      reg_write(g_hi3519a_pinmux, 0x1D8, 1);
-      dir_set(g_hi3519a_gpio5, 0x10);
-      dir_set(g_hi3519a_gpio_reset, 0x02);
-      return 0;
-    case CAM_TYPE_RQ500T:
-      g_hi3519a_pinmux2 = map_block(kHi3519aPinmux2);
-      if (g_hi3519a_pinmux2 == nullptr) {
-        DBG_ERR("memmap hi3519a pinmux reg baseaddr fail\n");
-        return -1;
-      }
-      g_hi3519a_pinmux = map_block(kHi3519aPinmux);
-      if (g_hi3519a_pinmux == nullptr) {
-        DBG_ERR("memmap hi3519a pinmux reg baseaddr fail\n");
-        return -1;
-      }
-      g_hi3519a_gpio5 = map_block(kHi3519aGpio5);
-      if (g_hi3519a_gpio5 == nullptr) {
-        DBG_ERR("memmap hi3519a gpio5 reg baseaddr fail\n");
-        return -1;
-      }
-      g_hi3519a_gpio7 = map_block(kHi3519aGpio7);
-      if (g_hi3519a_gpio7 == nullptr) {
-        DBG_ERR("memmap hi3519a gpio7 reg baseaddr fail\n");
-        return -1;
-      }
-      reg_write(g_hi3519a_pinmux2, 0x00C, 0xF0);
-      reg_write(g_hi3519a_pinmux, 0x098, 0);
-      reg_write(g_hi3519a_pinmux, 0x0F0, 0);
-      dir_set(g_hi3519a_gpio5, 0x10);
-      dir_set(g_hi3519a_gpio7, 0x80);
-      return 0;
-    case CAM_TYPE_RQ500S:
-    case CAM_TYPE_R300I:
-      g_hi3519a_pinmux = map_block(kHi3519aPinmux);
-      if (g_hi3519a_pinmux == nullptr) {
-        DBG_ERR("memmap hi3519a pinmux reg baseaddr fail\n");
-        return -1;
-      }
-      g_hi3519a_gpio5 = map_block(kHi3519aGpio5);
-      if (g_hi3519a_gpio5 == nullptr) {
-        DBG_ERR("memmap hi3519a gpio5 reg baseaddr fail\n");
-        return -1;
-      }
-      reg_write(g_hi3519a_pinmux, 0x0A0, 0);
-      reg_write(g_hi3519a_pinmux, 0x0A4, 0);
-      dir_set(g_hi3519a_gpio5, 0x40);
-      dir_set(g_hi3519a_gpio5, 0x80);
-      return 0;
-    default:
-      return 0;
+  const board_pins* pins = pins_of(board_type.load());
+  if (pins == nullptr) return 0;
+  for (const block_need& need : pins->blocks) {
+    if (need.slot == nullptr) break;
+    *need.slot = map_block(need.phys);
+    if (*need.slot == nullptr) {
+      DBG_ERR("%s", need.fail);
+      return -1;
+    }
   }
+  for (const pinmux_write& w : pins->pinmux) {
+    if (w.block != nullptr) reg_write(*w.block, w.offset, w.value);
+  }
+  for (const dir_bits& d : pins->dirs) {
+    if (d.block != nullptr) dir_set(*d.block, d.bits);
+  }
+  return 0;
 }
 
 void set_stm32_mode(int mode) {

@@ -44,68 +44,51 @@ TEST_F(StartupConfig, CommandLineWords) {
   EXPECT_EQ(st.work_mode.load(), 0);
 }
 
-TEST_F(StartupConfig, KillListTakesQuotedNamesAndSkipsOneByteAfterEach) {
-  cam.write("/customer/pid_list", "\"main_app\"\n\"autofocus\"\n\"rtsp\"\n");
-  read_pid_config();
-  ASSERT_EQ(st.pid_num, 3);
-  EXPECT_STREQ(st.pid_list[0], "main_app");
-  EXPECT_STREQ(st.pid_list[1], "autofocus");
-  EXPECT_STREQ(st.pid_list[2], "rtsp");
-  EXPECT_EQ(st.is_kill_pid, 1);
-}
-
-TEST_F(StartupConfig, KillListWithCrlfCarriesTheNewlineIntoTheNextName) {
-  cam.write("/customer/pid_list", "\"a\"\r\n\"b\"\r\n");
-  read_pid_config();
-  ASSERT_EQ(st.pid_num, 2);
-  EXPECT_STREQ(st.pid_list[0], "a");
-  EXPECT_STREQ(st.pid_list[1], "\nb");
-}
-
-TEST_F(StartupConfig, KillListStopsAtSixteenAndTruncatesLongNames) {
-  std::string text;
-  for (int i = 0; i < 17; ++i) text += "\"p" + std::to_string(i) + "\"\n";
-  cam.write("/customer/pid_list", text);
-  read_pid_config();
-  EXPECT_EQ(st.pid_num, 16);
-  EXPECT_STREQ(st.pid_list[15], "p15");
-
-  reset_daemon_state();
-  cam.write("/customer/pid_list", "\"" + std::string(400, 'x') + "\"\n\"next\"\n");
-  read_pid_config();
-  ASSERT_EQ(st.pid_num, 2);
-  EXPECT_EQ(strlen(st.pid_list[0]), 255u);
-  EXPECT_STREQ(st.pid_list[1], "next");
-}
-
-TEST_F(StartupConfig, MissingListsClearTheirFlags) {
-  read_pid_config();
-  read_del_config();
-  EXPECT_EQ(st.is_kill_pid, 0);
-  EXPECT_EQ(st.is_del_file, 0);
-  EXPECT_EQ(st.pid_num, 0);
-  EXPECT_EQ(st.del_num, 0);
-}
-
-TEST_F(StartupConfig, DeleteListTakesTextBetweenQuotesOrToLineEnd) {
+// The kill and delete lists: the parse rules, then the bounds of both tables
+// (16 entries, 255-byte names) and the flags a missing file clears.
+TEST_F(StartupConfig, KillAndDeleteLists) {
+  cam.write("/customer/pid_list", "\"main_app\"\n\"autofocus\"\n\"a\"\r\n\"b\"\r\n");
   cam.write("/customer/del_list",
             "\"/data/a.conf\"\n\nno quote here\n\"/data/b.log\n  \"/tmp/c\" trailing\n\"\"\n");
+  read_pid_config();
   read_del_config();
+  // One byte is skipped after each closing quote: a "\r\n" end carries its
+  // "\n" into the next name.
+  ASSERT_EQ(st.pid_num, 4);
+  EXPECT_STREQ(st.pid_list[0], "main_app");
+  EXPECT_STREQ(st.pid_list[1], "autofocus");
+  EXPECT_STREQ(st.pid_list[2], "a");
+  EXPECT_STREQ(st.pid_list[3], "\nb");
+  EXPECT_EQ(st.is_kill_pid, 1);
   ASSERT_EQ(st.del_num, 4);
   EXPECT_STREQ(st.del_list[0], "/data/a.conf");
   EXPECT_STREQ(st.del_list[1], "/data/b.log");
   EXPECT_STREQ(st.del_list[2], "/tmp/c");
   EXPECT_STREQ(st.del_list[3], "");
-}
 
-TEST_F(StartupConfig, DeleteListStopsAtSixteenAndTruncatesLongPaths) {
-  std::string text = "\"/" + std::string(600, 'd') + "\"\n";
-  for (int i = 0; i < 20; ++i) text += "\"/f" + std::to_string(i) + "\"\n";
+  reset_daemon_state();
+  std::string text = "\"" + std::string(400, 'x') + "\"\n";
+  for (int i = 0; i < 20; ++i) text += "\"p" + std::to_string(i) + "\"\n";
+  cam.write("/customer/pid_list", text);
   cam.write("/customer/del_list", text);
+  read_pid_config();
   read_del_config();
+  EXPECT_EQ(st.pid_num, 16);
   EXPECT_EQ(st.del_num, 16);
+  EXPECT_EQ(strlen(st.pid_list[0]), 255u);
   EXPECT_EQ(strlen(st.del_list[0]), 255u);
-  EXPECT_STREQ(st.del_list[15], "/f14");
+  EXPECT_STREQ(st.pid_list[15], "p14");
+  EXPECT_STREQ(st.del_list[15], "p14");
+
+  reset_daemon_state();
+  remove(cam.path("/customer/pid_list").c_str());
+  remove(cam.path("/customer/del_list").c_str());
+  st.is_kill_pid = st.is_del_file = 1;
+  read_pid_config();
+  read_del_config();
+  EXPECT_EQ(st.is_kill_pid, 0);
+  EXPECT_EQ(st.is_del_file, 0);
+  EXPECT_EQ(st.pid_num + st.del_num, 0);
 }
 
 // A flash whose partitions have fixed sizes; nothing else is needed here.
@@ -198,6 +181,11 @@ TEST_F(StartupConfig, PartitionListFillsTableAndSummary) {
 }
 
 TEST_F(StartupConfig, PartitionListIsBoundedEverywhere) {
+  cam.platform().popen_fails("/proc/mtd");
+  read_mtd_info();
+  EXPECT_EQ(st.mtd_num, 0);
+  EXPECT_STREQ(st.mtd_summary, "");
+
   std::string text;
   for (int i = 0; i < 30; ++i) text += "mtd" + std::to_string(i) + ": 1 1 \"p\"\n";
   cam.platform().on("/proc/mtd", text);
@@ -217,27 +205,10 @@ TEST_F(StartupConfig, PartitionListIsBoundedEverywhere) {
   EXPECT_EQ(cam.platform().events().back(), "read:/bin/cat /proc/mtd | grep mtd");
 }
 
-TEST_F(StartupConfig, PartitionListPopenFailureLeavesTableEmpty) {
-  cam.platform().popen_fails("/proc/mtd");
-  read_mtd_info();
-  EXPECT_EQ(st.mtd_num, 0);
-  EXPECT_STREQ(st.mtd_summary, "");
-}
-
-TEST_F(StartupConfig, KeywordTableAndEndpointRecords) {
-  fill_protocol_keywords();
+TEST_F(StartupConfig, EndpointRecordsEachHaveTheirOwnSocket) {
   fill_endpoint_records();
-  for (int i = 0; i < kKeywordCount; ++i) {
-    size_t len = strlen(st.protocol_keywords[i]);
-    EXPECT_TRUE(len == 9 || (i == KW_EMPTY && len == 0)) << i;
-  }
-  EXPECT_STREQ(st.protocol_keywords[KW_SEARCH], "SEARCH * ");
-  EXPECT_STREQ(st.protocol_keywords[KW_PRODUCTIO], "PRODUCTIO");
-  EXPECT_STREQ(st.protocol_keywords[KW_STATUS], "STATUS * ");
   EXPECT_STREQ(st.endpoints[0].group, "239.255.255.251");
-  EXPECT_EQ(st.endpoints[1].port, 8006);
   EXPECT_EQ(st.endpoints[2].port, 8004);
-  EXPECT_EQ(st.endpoints[3].port, 0);
   EXPECT_NE(st.endpoints[3].sock, nullptr);
   EXPECT_NE(st.endpoints[0].sock, st.endpoints[1].sock);
 }

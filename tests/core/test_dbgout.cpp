@@ -54,28 +54,24 @@ TEST_F(TraceLog, TimestampKeepsHundredths) {
   EXPECT_STREQ(trace_timestamp(), "2024-01-01 12:00:00.00");
 }
 
-TEST_F(TraceLog, NetworkLogAppendsUpToTheLimitThenOverwritesInPlace) {
-  // Exactly at the limit: appended to.
+// 1,048,576 bytes is appended to (and the file closed once past the
+// limit, so the next line overwrites from the start); 1,048,577 is
+// overwritten from its start at once.
+TEST_F(TraceLog, NetworkLogThresholds) {
   cam.write("/dev/upgrade_network.log", std::string(kNetworkLogLimit, 'a'));
   testing::internal::CaptureStdout();
   traceout("new\n");
   EXPECT_EQ(size_of("/dev/upgrade_network.log"), kNetworkLogLimit + 4);
-  // The position is now past the limit, so the file was closed; the next
-  // call opens it at its start and overwrites the oldest text.
   traceout("XY");
-  testing::internal::GetCapturedStdout();
   std::string text = cam.read("/dev/upgrade_network.log");
   EXPECT_EQ(text.size(), static_cast<size_t>(kNetworkLogLimit + 4));
   EXPECT_EQ(text.substr(0, 3), "XYa");
-}
 
-TEST_F(TraceLog, NetworkLogOverLimitStartsAtTheBeginning) {
+  set_network_log_open(0);
   cam.write("/dev/upgrade_network.log", std::string(kNetworkLogLimit + 1, 'a'));
-  testing::internal::CaptureStdout();
   traceout("hello");
-  std::string console = testing::internal::GetCapturedStdout();
-  EXPECT_EQ(console, "hello");
-  std::string text = cam.read("/dev/upgrade_network.log");
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "new\nXYhello");
+  text = cam.read("/dev/upgrade_network.log");
   EXPECT_EQ(text.size(), static_cast<size_t>(kNetworkLogLimit + 1));
   EXPECT_EQ(text.substr(0, 6), "helloa");
 }
@@ -110,7 +106,7 @@ TEST_F(TraceLog, DataLogIsEmptiedOnceItPassesTheLimit) {
   testing::internal::GetCapturedStdout();
 }
 
-TEST_F(TraceLog, DataLogPathCanBeChangedAndTraceHeaderIsFormed) {
+TEST_F(TraceLog, DataLogPathTraceHeaderAndUnopenableLog) {
   cam.platform().now = {1704110400, 120000};
   set_data_log_path("/tmp/other.log");
   testing::internal::CaptureStdout();
@@ -121,9 +117,9 @@ TEST_F(TraceLog, DataLogPathCanBeChangedAndTraceHeaderIsFormed) {
   snprintf(expect, sizeof(expect),
            "[2024-01-01 12:00:00.12 test_dbgout.cpp +%-4d TestBody] file md5: abc\n", line);
   EXPECT_EQ(cam.read("/tmp/other.log"), expect);
-}
 
-TEST_F(TraceLog, UnopenableLogStillWritesTheConsole) {
+  // A log that cannot be opened still writes the console.
+  set_data_log_open(0);
   set_data_log_path("/no/such/dir/upgrade.log");
   testing::internal::CaptureStdout();
   EXPECT_EQ(traceout_data("still here\n"), 0);

@@ -97,25 +97,6 @@ TEST_F(Commands, WrongDeviceIdIsSilent) {
   EXPECT_EQ(cam.read("/data/net.conf"), "dhcp=0\nipaddr=192.168.77.2\nmacaddr=02:00:00:00:00:01\n");
 }
 
-TEST_F(Commands, CameraRebootHasNoReply) {
-  receive(addressed("CAMERA_RE"));
-  EXPECT_FALSE(reply());
-  EXPECT_EQ(control_msg(), std::string("\x88\x0B\x01\xAA\xFF", 5));
-  EXPECT_EQ(cam.platform().events(), (std::vector<std::string>{"sleep:5000000", "reboot"}));
-}
-
-TEST_F(Commands, LumconfigStoresSerialAndMacThenReboots) {
-  receive("LUMCONFIG\nDevice ID:" + kDevId + "\nClient ID:" + kCliId +
-          "\nSerial No:CAM-7\nMac Address:02:de:ad:be:ef:01");
-  EXPECT_EQ(reply(), "SUCCEED *" + ids());
-  char serial[64];
-  oem_serial_read(serial, sizeof(serial));
-  EXPECT_STREQ(serial, "CAM-7");
-  EXPECT_NE(cam.read("/data/net.conf").find("macaddr=02:de:ad:be:ef:01\n"), std::string::npos);
-  EXPECT_EQ(cam.platform().reboots(), 1);
-  EXPECT_EQ(cam.platform().slept_us(), 7000000u);
-}
-
 TEST_F(Commands, LedFlicker) {
   receive(addressed("CAMERA_FL", "\r\nstatus=close\r\nstatus=open"));
   EXPECT_EQ(control_msg(), std::string("\x81\x0A\x02\x01\x02\xFF", 6));
@@ -151,23 +132,12 @@ TEST_F(Commands, BoardTestFields) {
   EXPECT_EQ(cmds[0], "killall -2 camera_app");
   EXPECT_EQ(cmds[1], "killall -9 autofocus");
 
-  // Type 8 with SDI: the pin set-up around the probe.
-  cam.platform().clear();
+  // Type 8: ARM, then SDI (its pin set-up around the probe: the sandbox's
+  // board test). Type 4 (K5): SDI only; unknown type: no probe fields.
   receive(addressed("BOARD_TES", "\r\nTYPE=R300I\r\nSDI_Test=true"));
   auto r = reply();
   ASSERT_TRUE(r);
   EXPECT_NE(r->find("\r\nARM=0\r\nSDI=0\r\nSTATUS=Test finish"), std::string::npos);
-  std::vector<std::string> himm;
-  for (const auto& c : cam.platform().commands())
-    if (c.rfind("himm", 0) == 0) himm.push_back(c);
-  // Around whatever the probe itself runs.
-  ASSERT_GE(himm.size(), 4u);
-  EXPECT_EQ(std::vector<std::string>(himm.begin(), himm.begin() + 3),
-            (std::vector<std::string>{"himm 0x120400cc 0x0", "himm 0x12146400 0x80",
-                                      "himm 0x12146200 0x80"}));
-  EXPECT_EQ(himm.back(), "himm 0x12146200 0x0");
-
-  // Type 4 (K5): SDI only; unknown type: no probe fields at all.
   receive(addressed("BOARD_TES", "\r\nTYPE=K5\r\nSDI_Test=true\r\nHDMI_Test=true"));
   r = reply();
   ASSERT_TRUE(r);
@@ -189,9 +159,6 @@ TEST_F(Commands, CameraQueryBatchAndUpgradeInProgress) {
   set_mcast_upgrade_in_progress(1);
   receive(q);
   EXPECT_FALSE(reply());
-  set_mcast_upgrade_in_progress(0);
-  receive("CAMERA_QU\r\nDevice ID:0099" + std::string(64, 'b'));
-  EXPECT_FALSE(reply());
 }
 
 TEST_F(Commands, ProductionCounters) {
@@ -207,36 +174,13 @@ TEST_F(Commands, ProductionCounters) {
 TEST_F(Commands, RandomDatagramsStayInBounds) {
   NoHdmi no_hdmi;
   I2cPort* prev = set_i2c_port(&no_hdmi);
-  const std::vector<std::string> parts = {"SEARCH * ",
-                                          "CONFIGNET",
-                                          "CAMERA_RE",
-                                          "LUMCONFIG",
-                                          "CAMERA_FL",
-                                          "BOARD_TES",
-                                          "CAMERA_QU",
-                                          "PRODUCTIO",
-                                          "CAMERA_UP",
-                                          "Device ID:",
-                                          "Client ID:",
-                                          "Serial No:",
-                                          "Mac Address:",
-                                          "fdns=",
-                                          "status=open",
-                                          "TYPE=K5",
-                                          "TYPE=R300I",
-                                          "SDI_Test=true",
-                                          "HDMI_Test=true",
-                                          "USB_Test=true",
-                                          "\r\n",
-                                          "\n",
-                                          std::string(1, '\0'),
-                                          "0099",
-                                          "0002",
-                                          kDevId,
-                                          kCliId,
-                                          kDevId.substr(0, 20),
-                                          "Cli",
-                                          "Dev"};
+  // The first nine are keywords: a datagram may start with one.
+  const std::vector<std::string> parts = {
+      "SEARCH * ", "CONFIGNET", "CAMERA_RE", "LUMCONFIG", "CAMERA_FL", "BOARD_TES", "CAMERA_QU",
+      "PRODUCTIO", "CAMERA_UP", "Device ID:", "Client ID:", "Serial No:", "Mac Address:", "fdns=",
+      "status=open", "TYPE=K5", "TYPE=R300I", "SDI_Test=true", "HDMI_Test=true", "USB_Test=true",
+      "\r\n", "\n", std::string(1, '\0'), "0099", "0002", kDevId, kCliId, kDevId.substr(0, 20),
+      "Cli", "Dev"};
   std::mt19937 rng(20261121);
   for (int i = 0; i < 3000; ++i) {
     std::string d;
@@ -275,10 +219,6 @@ TEST_F(Commands, RandomDatagramsStayInBounds) {
   }
   set_i2c_port(prev);
 }
-
-}  // namespace
-
-namespace {
 
 // Both listeners run handlers at once: the shared records stay whole (the
 // thread sanitizer run checks the locking).

@@ -9,24 +9,6 @@ namespace {
 
 struct Identity : CameraFixtureBase, ::testing::Test {};
 
-TEST_F(Identity, FirstStartCreatesUuidFileAndSecondStartReadsItBack) {
-  set_device_id("");
-  read_uuid();
-  ASSERT_TRUE(cam.exists("/data/uuid_file"));
-  std::string stored = cam.read("/data/uuid_file");
-  ASSERT_EQ(stored.size(), 32u);  // no newline, nothing else
-  for (char c : stored) EXPECT_TRUE(isxdigit(static_cast<unsigned char>(c)) && !isupper(c)) << c;
-  char id[33];
-  get_device_id(id);
-  EXPECT_EQ(stored, id);
-
-  set_device_id("");
-  read_uuid();
-  get_device_id(id);
-  EXPECT_EQ(stored, id);
-  EXPECT_EQ(cam.read("/data/uuid_file"), stored);
-}
-
 TEST_F(Identity, ShortUuidFileIsReportedAndKept) {
   cam.write("/data/uuid_file", "abc123");
   testing::internal::CaptureStderr();
@@ -84,16 +66,12 @@ TEST_F(Identity, BatchCheckHonoursCountAndDatagramEnd) {
 }
 
 TEST_F(Identity, FormatCheckers) {
-  EXPECT_EQ(check_ipv4_format("10.0.0.1"), 0);
-  EXPECT_EQ(check_ipv4_format("255.255.255.255"), 0);
-  EXPECT_EQ(check_ipv4_format("192.168.1.256"), -1);
-  EXPECT_EQ(check_ipv4_format("1.2.3.4x"), -1);
-  EXPECT_EQ(check_ipv4_format("1.2.3"), -1);
-  EXPECT_EQ(check_ipv4_format("-1.2.3.4"), -1);
+  for (const char* ok : {"10.0.0.1", "255.255.255.255"}) EXPECT_EQ(check_ipv4_format(ok), 0) << ok;
+  for (const char* bad : {"192.168.1.256", "1.2.3.4x", "1.2.3", "-1.2.3.4"})
+    EXPECT_EQ(check_ipv4_format(bad), -1) << bad;
   EXPECT_EQ(check_mac_format("02.00.00.00.00.01"), 0);
-  EXPECT_EQ(check_mac_format("02:00:00:00:00:01"), -1);
-  EXPECT_EQ(check_mac_format("02.00.00.00.00.01x"), -1);
-  EXPECT_EQ(check_mac_format("02.00"), -1);
+  for (const char* bad : {"02:00:00:00:00:01", "02.00.00.00.00.01x", "02.00"})
+    EXPECT_EQ(check_mac_format(bad), -1) << bad;
 }
 
 TEST_F(Identity, SockaddrToString) {
@@ -125,32 +103,15 @@ TEST_F(Identity, UpgradeAckUsesRequesterOrUpgradeClient) {
   EXPECT_EQ(mcast_upgrade_in_progress(), 0);
 }
 
-TEST_F(Identity, CountersAndUsbDisk) {
-  cam.platform().on("cat /data/boot_times.dat", "17\n");
+// The answering counters and mounted disk: Commands.ProductionCounters and
+// Commands.BoardTestFields.
+TEST_F(Identity, MissingCountersAndUsbDisk) {
   cam.platform().popen_fails("cat /data/curve_times.dat");
-  EXPECT_EQ(read_boot_times(), 17);
-  EXPECT_EQ(read_curve_times(), 0);
   cam.platform().on("cat /data/boot_times.dat", "");
-  EXPECT_EQ(read_boot_times(), 0);
-
   cam.platform().on("mount | grep /mnt/usb", "");
+  EXPECT_EQ(read_curve_times(), 0);
+  EXPECT_EQ(read_boot_times(), 0);
   EXPECT_EQ(check_usb_disk_mount(), -1);
-  cam.platform().on("mount | grep /mnt/usb", "/dev/sda1 on /mnt/usb type vfat (rw)\n");
-  EXPECT_EQ(check_usb_disk_mount(), 0);
-  EXPECT_GT(get_sys_uptime(), 0);
-}
-
-TEST_F(Identity, LocalControlIsOneDatagramToTheControlPort) {
-  sockaddr_in a;
-  int rx = bound_udp(&a);
-  set_local_control_port(ntohs(a.sin_port));
-  const unsigned char msg[5] = {0x88, 0x0B, 0x01, 0xAA, 0xFF};
-  send_local_control(msg, sizeof(msg));
-  auto got = recv_text(rx);
-  set_local_control_port(kLocalControlPort);
-  close(rx);
-  ASSERT_TRUE(got);
-  EXPECT_EQ(*got, std::string(reinterpret_cast<const char*>(msg), 5));
 }
 
 }  // namespace

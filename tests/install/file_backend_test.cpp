@@ -1,5 +1,3 @@
-#include <cstdlib>
-#include <fstream>
 #include <memory>
 
 #include "install/mtd_debug.h"
@@ -55,17 +53,6 @@ TEST_F(FileBackendTest, BadDescriptionsAreRejected) {
   EXPECT_EQ(nullptr, load("mtd0 nand 0x8000 0x1000 badblocks=8\n"));
   EXPECT_EQ(nullptr, load("../etc/passwd nor 0x8000 0x1000\n"));
   EXPECT_EQ(nullptr, load_file_flash("/etc/none"));
-}
-
-TEST_F(FileBackendTest, EnvironmentSelectsTheBackend) {
-  unsetenv("UPGRADE_FLASH_SIM");
-  EXPECT_EQ(0, install_flash_backend_from_env());
-  cam.write("/etc/flash.desc", "mtd0 nor 0x4000 0x1000\n");
-  setenv("UPGRADE_FLASH_SIM", "/etc/flash.desc", 1);
-  EXPECT_EQ(1, install_flash_backend_from_env());
-  unsetenv("UPGRADE_FLASH_SIM");
-  EXPECT_EQ(0x4000u, orn_get_mtd_size(0));
-  delete set_mtd_devices(nullptr);
 }
 
 }  // namespace

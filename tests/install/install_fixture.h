@@ -2,6 +2,7 @@
 // partition table that matches it.
 #pragma once
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -16,6 +17,7 @@
 #include "fakes/fake_platform.h"
 
 using Bytes = std::vector<uint8_t>;
+using testing::HasSubstr;
 
 // Deterministic, non-erased-looking content.
 inline Bytes pattern(size_t n, unsigned seed) {
@@ -46,14 +48,10 @@ class InstallTest : public ::testing::Test {
  protected:
   void SetUp() override { reset_daemon_state(); }
 
-  // Partitions (size, quoted name) into daemon_state and the fake flash.
+  // Partitions (size, quoted name) into daemon_state and a fake flash
+  // (the fixture's unless another chip is given).
   void partitions(const std::vector<std::pair<uint32_t, std::string>>& parts, uint32_t erasesize,
-                  uint8_t type = kNor) {
-    partitions_on(flash, parts, erasesize, type);
-  }
-  static void partitions_on(FakeFlash& flash,
-                            const std::vector<std::pair<uint32_t, std::string>>& parts,
-                            uint32_t erasesize, uint8_t type = kNor) {
+                  uint8_t type = kNor, FakeFlash* chip = nullptr) {
     std::vector<uint32_t> sizes;
     daemon_state.mtd_num = static_cast<int>(parts.size());
     for (size_t i = 0; i < parts.size(); ++i) {
@@ -64,21 +62,20 @@ class InstallTest : public ::testing::Test {
       copy_field(e.name, sizeof(e.name), "\"" + parts[i].second + "\"");
       sizes.push_back(parts[i].first);
     }
-    flash.add_chain(sizes, erasesize, type);
+    (chip != nullptr ? *chip : flash).add_chain(sizes, erasesize, type);
   }
 
   // Boot-environment flags as fw_setenv would leave them; commands issued
   // after a power cut never ran.
-  void track_env() { track_env_on(cam.platform(), flash); }
-  void track_env_on(FakePlatform& platform, FakeFlash& chip) {
+  void track_env(FakePlatform* platform = nullptr, FakeFlash* chip = nullptr) {
     {
       std::lock_guard<std::mutex> lock(env_mu);
       env.clear();
     }
-    platform.on_command([this, &chip](const std::string& cmd) {
-      if (chip.power_lost()) return;
-      const std::string prefixes[] = {"/dev/fw_setenv ", "/bin/fw_setenv "};
-      for (const std::string& p : prefixes) {
+    FakeFlash& f = chip != nullptr ? *chip : flash;
+    (platform != nullptr ? *platform : cam.platform()).on_command([this, &f](const std::string& cmd) {
+      if (f.power_lost()) return;
+      for (const std::string p : {"/dev/fw_setenv ", "/bin/fw_setenv "}) {
         if (cmd.rfind(p, 0) != 0) continue;
         std::string rest = cmd.substr(p.size());
         size_t sp = rest.find(' ');
@@ -95,11 +92,6 @@ class InstallTest : public ::testing::Test {
   }
 
   bool ran(const std::string& cmd) { return cam.platform().ran(cmd); }
-  int count_cmd(const std::string& cmd) {
-    int n = 0;
-    for (const std::string& c : cam.platform().commands()) n += c == cmd ? 1 : 0;
-    return n;
-  }
 
   FakeCamera cam;
   FakeFlash flash;

@@ -26,20 +26,19 @@ class MemFile {
   }
   ~MemFile() { memmap_release_all(); }
 
-  uint32_t word(uint32_t phys) const {
-    uint32_t v = 0xFFFFFFFFu;
-    io(phys, &v, sizeof(v), false);
-    return v;
-  }
-  uint8_t byte(uint32_t phys) const {
-    uint8_t v = 0xEE;
-    io(phys, &v, 1, false);
-    return v;
-  }
+  // Unwritten bytes of the sparse file read as 0; a failed read leaves the
+  // marker value in place.
+  uint32_t word(uint32_t phys) const { return get<uint32_t>(phys, 0xFFFFFFFFu); }
+  uint8_t byte(uint32_t phys) const { return get<uint8_t>(phys, 0xEE); }
   void set_word(uint32_t phys, uint32_t v) const { io(phys, &v, sizeof(v), true); }
   void set_byte(uint32_t phys, uint8_t v) const { io(phys, &v, 1, true); }
 
  private:
+  template <typename T>
+  T get(uint32_t phys, T v) const {
+    io(phys, &v, sizeof(v), false);
+    return v;
+  }
   void io(uint32_t phys, void* v, size_t n, bool write) const {
     int fd = open(path_.c_str(), O_RDWR);
     if (fd < 0) return;

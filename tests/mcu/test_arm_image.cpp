@@ -52,13 +52,6 @@ class CheckArmTest : public testing::Test {
   FakeCamera cam;
 };
 
-TEST_F(CheckArmTest, NothingToDoWhenTheRecordExists) {
-  cam.write("/customer/arm_version_file", "ARM: [1.0]");
-  check_arm(1);
-  EXPECT_TRUE(p().events().empty());
-  EXPECT_EQ(arm_upgrade_flag.load(), 0);
-}
-
 TEST_F(CheckArmTest, FlashesTheImageWritesTheRecordAndReboots) {
   cam.write("/data/preset_info.dat", "x");
   listing(kType1, "");

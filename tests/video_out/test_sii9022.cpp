@@ -68,12 +68,8 @@ TEST_F(Sii9022, DoesNotApplyWithoutBusOrOnOtherBoards) {
   EXPECT_TRUE(chip.log.empty());
   chip.bus_present = false;
   EXPECT_GT(check_9022_status(1), 0);
-}
-
-TEST_F(Sii9022, RealPortWithoutDeviceNodeDoesNotApply) {
-  set_i2c_port(nullptr);  // the camera root has no /dev/i2c-2
+  set_i2c_port(nullptr);  // the real port: the camera root has no /dev/i2c-2
   EXPECT_GT(check_9022_status(1), 0);
-  set_i2c_port(&chip);
 }
 
 }  // namespace

@@ -259,8 +259,10 @@ int get_file_md5(const char* path, char* md5_out) {
 int check_disk_info(const char* path, int* total, int* list, int* trailer_len) {
   FILE* fp = fopen(cam_path(path).c_str(), "rb");
   if (fp == nullptr) {
+    const int err = errno;  // the console line below may change errno
     DBG_ERR("fopen %s failed\n", path);
-    DBG_ERR("fopen: %s\n", strerror(errno));
+    errno = err;
+    perror("fopen");
     return -1;
   }
   unsigned char tail[33] = {};

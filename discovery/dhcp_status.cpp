@@ -21,13 +21,19 @@ constexpr const char* kDhcpOkPath = "/dev/dhcp_ok";
 constexpr const char* kFinishFlagPath = "/customer/upgrade_finish_flag";
 constexpr const char* kArmVersionPath = "/customer/arm_version_file";
 
+// The two threads' work runs in helpers; their lines carry the thread
+// function's name.
+constexpr const char* kWatcherName = "check_dhcp_status_main";
+constexpr const char* kReporterName = "mcast_upgradeStatus_func";
+
 bool camera_file_exists(const char* path) { return access(cam_path(path).c_str(), F_OK) == 0; }
 
 void drop_socket(mcast_endpoint* ep) {
   // Shut down before closing: the number may be reused at once by another
-  // thread's socket.
+  // thread's socket. 0 is a record that was never opened (the search
+  // listener may still wait for its address): descriptor 0 is not ours.
   int fd = ep->sock->exchange(-1);
-  if (fd >= 0) {
+  if (fd > 0) {
     shutdown(fd, SHUT_RDWR);
     close(fd);
   }
@@ -40,18 +46,18 @@ void check_dhcp_status() {
   char out[129] = {};
   int n = sys().shell_read(cmd, out, 128);
   if (n < 0) {
-    DBG_ERR("fopen %s failed\n", cmd);
+    DBG_ERR_AS(kWatcherName, "fopen %s failed\n", cmd);
     sys().end_thread();
   }
-  if (n == 0) DBG_ERR("fread %s failed\n", cmd);
+  if (n == 0) DBG_ERR_AS(kWatcherName, "fread %s failed\n", cmd);
   // Any '0' in the dhcp line counts as a static address.
   if (memchr(out, '0', static_cast<size_t>(n > 0 ? n : 0)) != nullptr) {
-    DBG_INFO("dchp is off, return\n");
+    DBG_INFO_AS(kWatcherName, "dchp is off, return\n");
     return;
   }
   while (!camera_file_exists(kDhcpOkPath)) sys().sleep_us(2000000);
 
-  DBG_INFO("dhcp get ip success, reset mcast service\n");
+  DBG_INFO_AS(kWatcherName, "dhcp get ip success, reset mcast service\n");
   mcast_endpoint* search = &daemon_state.endpoints[0];
   mcast_endpoint* batch = &daemon_state.endpoints[1];
   mcast_search_switch().store(0);
@@ -68,7 +74,7 @@ void check_dhcp_status() {
   }
   mcast_search_switch().store(1);
   mcast_batch_switch().store(1);
-  DBG_INFO("leave\n");
+  DBG_INFO_AS(kWatcherName, "leave\n");
 }
 
 void* check_dhcp_status_main(void*) {
@@ -109,15 +115,15 @@ int mcast_status_listen_once(mcast_endpoint* ep) {
 
 void mcast_upgrade_status_report(mcast_endpoint* ep) {
   if (camera_file_exists(kFinishFlagPath)) {
-    DBG_INFO("found %s\n", kFinishFlagPath);
+    DBG_INFO_AS(kReporterName, "found %s\n", kFinishFlagPath);
     return;
   }
-  DBG_INFO("not found %s\n", kFinishFlagPath);
+  DBG_INFO_AS(kReporterName, "not found %s\n", kFinishFlagPath);
   if (!camera_file_exists(kArmVersionPath)) {
-    DBG_INFO("not found %s\n", kArmVersionPath);
+    DBG_INFO_AS(kReporterName, "not found %s\n", kArmVersionPath);
     return;
   }
-  DBG_INFO("found %s\n", kArmVersionPath);
+  DBG_INFO_AS(kReporterName, "found %s\n", kArmVersionPath);
   mcast_open_endpoint(ep);
 
   char dev[kIdLen + 1], ver[32], model[32];
@@ -135,7 +141,7 @@ void mcast_upgrade_status_report(mcast_endpoint* ep) {
   // Sent once; then wait, without a limit, for the tool's confirmation.
   while (mcast_status_listen_once(ep) == 0) {
   }
-  DBG_INFO("Report status finish!\n");
+  DBG_INFO_AS(kReporterName, "Report status finish!\n");
   sys().shell("touch /customer/upgrade_finish_flag");
   leave_mcast_group(ep->sock, ep->group);
 }

@@ -42,10 +42,11 @@ const char* id_after(const char* msg, const char* key, char* out) {
   return p;
 }
 
-int take_client_id(const char* msg) {
+// Takes the client ID for `func` (check_uuid or check_uuid_bat).
+int take_client_id(const char* msg, const char* func) {
   char id[kIdLen + 1];
   if (id_after(msg, "Client ID:", id) == nullptr) {
-    DBG_ERR("find \"client id\" failed\n");
+    DBG_ERR_AS(func, "find \"client id\" failed\n");
     return -1;
   }
   set_client_id(id);
@@ -57,17 +58,18 @@ int device_id_matches(const char* id) {
   return strcmp(id, g_device_id) == 0;
 }
 
-int read_counter(const char* path) {
+// The counter of read_boot_times or read_curve_times (`func`).
+int read_counter(const char* path, const char* func) {
   char cmd[64];
   snprintf(cmd, sizeof(cmd), "cat %s", path);
   char buf[129] = {};
   int n = sys().shell_read(cmd, buf, 128);
   if (n < 0) {
-    DBG_ERR("popen %s failed\n", cmd);
+    DBG_ERR_AS(func, "popen %s failed\n", cmd);
     return 0;
   }
   if (n == 0) {
-    DBG_ERR("fread %s failed\n", cmd);
+    DBG_ERR_AS(func, "fread %s failed\n", cmd);
     return 0;
   }
   return atoi(buf);
@@ -179,7 +181,7 @@ int check_uuid(const char* msg) {
     return -1;
   }
   if (!device_id_matches(id)) return -1;
-  return take_client_id(msg);
+  return take_client_id(msg, __func__);
 }
 
 int check_uuid_only_deviceid(const char* msg) {
@@ -225,7 +227,7 @@ int check_uuid_bat(const char* msg) {
     DBG_ERR("device id is not the same\n");
     return -1;
   }
-  return take_client_id(msg);
+  return take_client_id(msg, __func__);
 }
 
 // ---- small facts -------------------------------------------------------------
@@ -239,8 +241,8 @@ long get_sys_uptime() {
   return info.uptime;
 }
 
-int read_boot_times() { return read_counter("/data/boot_times.dat"); }
-int read_curve_times() { return read_counter("/data/curve_times.dat"); }
+int read_boot_times() { return read_counter("/data/boot_times.dat", __func__); }
+int read_curve_times() { return read_counter("/data/curve_times.dat", __func__); }
 
 int check_usb_disk_mount() {
   char buf[129] = {};

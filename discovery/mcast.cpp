@@ -329,14 +329,15 @@ int ip_udp_send(const char* src_addr, int src_port, const char* dst_addr, int ds
 
 // ---- listeners --------------------------------------------------------------------
 
+// Runs inside mcast_func: its lines carry that name.
 void mcast_wait_net_info() {
   while (get_net_info() != 0) {
     int n = ++g_net_info_failures;
     // The listener never gives up; the line only marks the long wait.
-    if (n == 180) DBG_ERR("get_net_info() num is 180, exit mcast_func()\n");
+    if (n == 180) DBG_ERR_AS("mcast_func", "get_net_info() num is 180, exit mcast_func()\n");
     sys().sleep_us(1000000);
   }
-  DBG_INFO("read %s info succeed\n", "eth0");
+  DBG_INFO_AS("mcast_func", "read %s info succeed\n", "eth0");
 }
 
 int mcast_listen_once(mcast_endpoint* ep, std::atomic<int>& recv_switch, size_t size,

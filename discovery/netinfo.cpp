@@ -31,11 +31,12 @@ constexpr size_t kConfLineMax = 96;
 std::mutex g_ipv6_mu;
 net_info_ipv6_t g_net_info_ipv6;
 
-// dhcp flag from the first 256 bytes of net.conf; -1 when the file is missing.
-int read_dhcp_flag(int32_t* dhcp) {
+// dhcp flag from the first 256 bytes of net.conf; -1 when the file is
+// missing (reported for `func`).
+int read_dhcp_flag(int32_t* dhcp, const char* func) {
   FILE* fp = fopen(cam_path(kNetConfPath).c_str(), "r");
   if (fp == nullptr) {
-    DBG_ERR("fopen %s failed\n", kNetConfPath);
+    DBG_ERR_AS(func, "fopen %s failed\n", kNetConfPath);
     return -1;
   }
   char conf[257] = {};
@@ -57,19 +58,19 @@ void copy_until(char* dst, size_t size, const char* p, const char* stops) {
 // Text of a key=value field up to its line end ("\r" or "\n").
 std::string line_value(const char* p) { return std::string(p, strcspn(p, "\r\n")); }
 
-void lock_or_log(int fd) {
-  if (flock(fd, LOCK_EX | LOCK_NB) != 0) DBG_ERR("file lock by others\n");
+void lock_or_log(int fd, const char* func) {
+  if (flock(fd, LOCK_EX | LOCK_NB) != 0) DBG_ERR_AS(func, "file lock by others\n");
 }
 
 // Writes the configuration body into net.conf under the file lock.
-int write_net_conf(const char* body) {
+int write_net_conf(const char* body, const char* func) {
   std::string path = cam_path(kNetConfPath);
   int fd = open(path.c_str(), O_WRONLY | O_CREAT, 0644);
   if (fd < 0) {
-    DBG_ERR("fopen %s failed\n", kNetConfPath);
+    DBG_ERR_AS(func, "fopen %s failed\n", kNetConfPath);
     return -1;
   }
-  lock_or_log(fd);
+  lock_or_log(fd, func);
   int rc = 0;
   size_t len = strlen(body);
   if (ftruncate(fd, 0) != 0 || write(fd, body, len) != static_cast<ssize_t>(len)) rc = -1;
@@ -78,21 +79,22 @@ int write_net_conf(const char* body) {
   return rc;
 }
 
-// Shared part of the two configuration writers: the body starts `skip`
-// characters after the first `anchor`.
-void apply_net_conf(const char* msg, const char* anchor, size_t skip, bool log_dns) {
-  TRACE("\n%s", msg);
+// Shared part of the two configuration writers (`func`): the body starts
+// `skip` characters after the first `anchor`.
+void apply_net_conf(const char* msg, const char* anchor, size_t skip, bool log_dns,
+                    const char* func) {
+  traceout("[%s %s +%-4d %s] \n%s", trace_timestamp(), __FILE_NAME__, __LINE__, func, msg);
   const char* body = msg;
   const char* p = strstr(msg, anchor);
   if (p != nullptr) body = strlen(p) >= skip ? p + skip : p + strlen(p);
-  if (write_net_conf(body) != 0) return;
+  if (write_net_conf(body, func) != 0) return;
   const char* f = strstr(msg, "fdns=");
   if (f != nullptr) {
     std::string dns = line_value(f);
-    if (log_dns) DBG_INFO("tmp: %s\n", dns.c_str());
+    if (log_dns) DBG_INFO_AS(func, "tmp: %s\n", dns.c_str());
     set_resolv_nameserver(dns.c_str());
   }
-  DBG_INFO("write network info succeed\n");
+  DBG_INFO_AS(func, "write network info succeed\n");
 }
 
 }  // namespace
@@ -102,7 +104,7 @@ void apply_net_conf(const char* msg, const char* anchor, size_t skip, bool log_d
 int get_net_info() {
   net_info_t ni;
   copy_net_info(&ni);
-  if (read_dhcp_flag(&ni.dhcp) != 0) return -1;
+  if (read_dhcp_flag(&ni.dhcp, __func__) != 0) return -1;
   // What was found before a failure stays in the record.
   auto fail = [&ni]() {
     set_net_info(ni);
@@ -191,9 +193,11 @@ int get_dns_server(char* out) {
   return rc;
 }
 
-void read_net_info(const char* msg) { apply_net_conf(msg, "Cli", 43, false); }
+void read_net_info(const char* msg) { apply_net_conf(msg, "Cli", 43, false, __func__); }
 
-void read_net_info_only_deviceid(const char* msg) { apply_net_conf(msg, "Dev", 43, true); }
+void read_net_info_only_deviceid(const char* msg) {
+  apply_net_conf(msg, "Dev", 43, true, __func__);
+}
 
 int set_resolv_nameserver(const char* text) {
   const char* eq = strchr(text, '=');
@@ -205,7 +209,7 @@ int update_conf_2(const char* path, const char* key, const char* line) {
   std::string real = cam_path(path);
   FILE* fp = fopen(real.c_str(), "r");
   if (fp == nullptr) return -1;
-  lock_or_log(fileno(fp));
+  lock_or_log(fileno(fp), __func__);
   std::string acc;
   char* l = nullptr;
   size_t cap = 0;
@@ -234,7 +238,7 @@ int update_conf_2(const char* path, const char* key, const char* line) {
     DBG_ERR("fopen %s failed\n", path);
     return -1;
   }
-  lock_or_log(fileno(fp));
+  lock_or_log(fileno(fp), __func__);
   fputs(acc.c_str(), fp);
   fflush(fp);
   flock(fileno(fp), LOCK_UN);
@@ -383,7 +387,7 @@ int get_net_ipv6_info() {
     std::lock_guard<std::mutex> lock(g_ipv6_mu);
     v6.dhcp = g_net_info_ipv6.dhcp;
   }
-  if (read_dhcp_flag(&v6.dhcp) != 0) return -1;
+  if (read_dhcp_flag(&v6.dhcp, __func__) != 0) return -1;
   get_ipv6_global_addr("eth0", v6.ip, sizeof(v6.ip));
   get_ipv6_prefix("eth0", v6.prefix, sizeof(v6.prefix));
   get_local_gateway_ipv6("eth0", v6.ip, v6.prefix, v6.gateway, sizeof(v6.gateway));

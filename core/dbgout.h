@@ -25,6 +25,13 @@ void dbg_err_line(const char* file, const char* func, int line, const char* fmt,
 #define DBG_ERR(fmt, ...) \
   dbg_err_line(__FILE_NAME__, __func__, __LINE__, fmt __VA_OPT__(, ) __VA_ARGS__)
 
+// The same lines written by a helper on behalf of the function it serves, so
+// the line carries that function's name.
+#define DBG_INFO_AS(func, fmt, ...) \
+  dbg_info_line(__FILE_NAME__, func, __LINE__, fmt __VA_OPT__(, ) __VA_ARGS__)
+#define DBG_ERR_AS(func, fmt, ...) \
+  dbg_err_line(__FILE_NAME__, func, __LINE__, fmt __VA_OPT__(, ) __VA_ARGS__)
+
 // Network-protocol trace log. Returns 0.
 int traceout(const char* fmt, ...) UPGRADE_PRINTF(1, 2);
 // Installation trace log (data partition). Returns 0.

@@ -14,13 +14,6 @@
 
 inline constexpr size_t kIdLen = 32;  // device and client IDs: 32 hex characters
 
-// Console lines that a helper writes on behalf of the function it serves,
-// so the line carries that function's name.
-#define DBG_INFO_AS(func, fmt, ...) \
-  dbg_info_line(__FILE_NAME__, func, __LINE__, fmt __VA_OPT__(, ) __VA_ARGS__)
-#define DBG_ERR_AS(func, fmt, ...) \
-  dbg_err_line(__FILE_NAME__, func, __LINE__, fmt __VA_OPT__(, ) __VA_ARGS__)  // device and client IDs: 32 hex characters
-
 // IPv4 network settings of eth0 (each text NUL-terminated).
 struct net_info_t {
   int32_t dhcp;  // 1 = DHCP, 0 = static

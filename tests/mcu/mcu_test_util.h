@@ -10,8 +10,17 @@
 #include <filesystem>
 #include <string>
 
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
 #include "fakes/fake_platform.h"
 #include "mcu/memmap.h"
+
+using testing::HasSubstr;
+using testing::internal::CaptureStderr;
+using testing::internal::CaptureStdout;
+using testing::internal::GetCapturedStderr;
+using testing::internal::GetCapturedStdout;
 
 class MemFile {
  public:

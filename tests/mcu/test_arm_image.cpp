@@ -7,12 +7,6 @@
 #include "fakes/stm32_sim.h"
 #include "mcu_test_util.h"
 
-using testing::HasSubstr;
-using testing::internal::CaptureStderr;
-using testing::internal::CaptureStdout;
-using testing::internal::GetCapturedStderr;
-using testing::internal::GetCapturedStdout;
-
 namespace {
 
 constexpr char kType1[] = "X_ARM_V1.2.3_TYPE1.bin";

@@ -8,12 +8,6 @@
 #include "fakes/stm32_sim.h"
 #include "mcu_test_util.h"
 
-using testing::HasSubstr;
-using testing::internal::CaptureStderr;
-using testing::internal::CaptureStdout;
-using testing::internal::GetCapturedStderr;
-using testing::internal::GetCapturedStdout;
-
 namespace {
 
 // Samples the reset line at every wait, to see the pulse.

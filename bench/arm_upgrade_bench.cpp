@@ -15,7 +15,7 @@
 #include <string>
 
 #include "fakes/fake_platform.h"
-#include "fakes/stm32_sim.h"
+#include "sim/stm32/stm32_sim.h"
 #include "mcu/stm32flashloader.h"
 
 namespace {

@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Round-trip latency of "SEARCH * " on the sandbox LAN.
 
-Boots one sandboxed camera (tests/sandbox rig, needs root), then sends 200
+Boots one sandboxed camera (sim/ns rig, needs root), then sends 200
 searches to 239.255.255.251:8005, one every 350 ms so that each lands after
 the listener's 300 ms pause, and prints the latency from send to the camera's
 "REPLY OK " on the group: p50, p99, min, max and lost requests.
@@ -17,7 +17,7 @@ import time
 from pathlib import Path
 
 TOP = Path(__file__).resolve().parents[1]
-sys.path.insert(0, str(TOP / "tests" / "sandbox"))
+sys.path.insert(0, str(TOP / "sim" / "ns"))
 
 import camera as rig  # noqa: E402
 

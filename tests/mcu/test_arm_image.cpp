@@ -4,7 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "core/upgrade.h"
-#include "fakes/stm32_sim.h"
+#include "sim/stm32/stm32_sim.h"
 #include "mcu_test_util.h"
 
 namespace {

@@ -5,7 +5,7 @@
 
 #include <random>
 
-#include "fakes/stm32_sim.h"
+#include "sim/stm32/stm32_sim.h"
 #include "mcu_test_util.h"
 
 namespace {

@@ -1,7 +1,7 @@
 // The bootloader simulator checked against an independent client of the
 // same protocol (stm32flash), so the controller tests rest on a faithful
 // device model.
-#include "fakes/stm32_sim.h"
+#include "sim/stm32/stm32_sim.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

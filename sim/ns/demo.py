@@ -1,6 +1,6 @@
 """Starts one sandboxed camera and shows the daemon working (run by tools/demo).
 
-    /usr/bin/python3 tests/sandbox/demo.py path/to/upgrade
+    /usr/bin/python3 sim/ns/demo.py path/to/upgrade
 """
 
 import sys

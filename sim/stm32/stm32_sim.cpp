@@ -1,4 +1,4 @@
-#include "fakes/stm32_sim.h"
+#include "sim/stm32/stm32_sim.h"
 
 #include <fcntl.h>
 #include <poll.h>

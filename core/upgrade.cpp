@@ -344,6 +344,7 @@ int upgrade_main(int argc, char** argv) {
   get_config("/etc/fw_env.config");
   read_mtd_info();
   read_version();
+  read_site_conf(kSiteConfPath, &st.site);
 
   if (st.arm_exist) {
     DBG_INFO("need check arm exist\n");

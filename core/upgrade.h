@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cstdint>
 
+#include "core/site_conf.h"
 #include "discovery/mcast.h"
 
 inline constexpr const char* kUpgradeVersion = "3.1.34";
@@ -73,6 +74,9 @@ struct daemon_state_t {
   int is_kill_pid = 1;
   int is_del_file = 1;
   int arm_exist = 1;
+
+  // Service switches of /customer/upgrade.conf (read at start-up).
+  site_conf_t site;
 
   // Firmware version and device model texts (read_version).
   char soc_version[32] = {};

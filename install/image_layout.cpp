@@ -1,4 +1,5 @@
 #include "install/image_layout.h"
+#include "wire/file_name.h"
 
 #include <cstdio>
 #include <cstring>
@@ -63,17 +64,6 @@ void place_partition(image_cursor* cursor, int index, int32_t image_size, part_p
     place->covered = image_size >= static_cast<int32_t>(cursor->file_offset + size);
   }
   cursor->prev_size = size;
-}
-
-bool is_safe_file_name(const char* name) {
-  if (name == nullptr) return false;
-  for (const char* p = name; *p != '\0'; ++p) {
-    char c = *p;
-    bool ok = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
-              c == '.' || c == '_' || c == '-';
-    if (!ok) return false;
-  }
-  return true;
 }
 
 int mtd_file_split(const char* image_path, const char* out_path, unsigned type) {

@@ -63,7 +63,3 @@ void place_partition(image_cursor* cursor, int index, int32_t image_size, part_p
       TRACE_DATA(fmt __VA_OPT__(, ) __VA_ARGS__); \
   } while (0)
 
-// True when `name` is a plain file name that is safe to put into /dev/ or a
-// shell command: only letters, digits, '.', '_' and '-'. Anything else
-// (';', '/', blanks, quotes, '$' ...) is refused by the installers.
-bool is_safe_file_name(const char* name);

@@ -13,6 +13,7 @@
 #include "core/platform.h"
 #include "core/upgrade.h"
 #include "install/image_layout.h"
+#include "wire/file_name.h"
 #include "install/mtd_debug.h"
 
 namespace {

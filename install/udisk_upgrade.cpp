@@ -20,6 +20,7 @@
 #include "core/upgrade.h"
 #include "discovery/identity.h"
 #include "install/image_layout.h"
+#include "wire/file_name.h"
 #include "install/mtd_debug.h"
 
 namespace {

@@ -90,12 +90,4 @@ TEST_F(ImageLayoutTest, DeviceTypeFlagTakesModelUpToDot) {
             cam.platform().commands());
 }
 
-TEST(FileNames, OnlyPlainNamesAreSafe) {
-  EXPECT_TRUE(is_safe_file_name("fw_K1-2.0.img"));
-  for (const char* bad : {"a;b.img", "../x.img", "a b.img", "$(x).img", "a|b", "a`b`", "a\rb",
-                          "a'b", "a\"b", "a>b", "a&b", "a\\b"}) {
-    EXPECT_FALSE(is_safe_file_name(bad)) << bad;
-  }
-}
-
 }  // namespace

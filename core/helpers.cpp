@@ -328,3 +328,15 @@ void reboot_sequence() {
   sys().sleep_us(5000000);
   sys().reboot(RB_AUTOBOOT);
 }
+
+std::string shell_quote(const char* text) {
+  std::string out = "'";
+  for (const char* p = text; *p != '\0'; ++p) {
+    if (*p == '\'')
+      out += "'\\''";
+    else
+      out += *p;
+  }
+  out += "'";
+  return out;
+}

@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string>
 
 int find_pid(const char* name);
 void kill_pid(const char* name, const char* sig);
@@ -31,6 +32,10 @@ int system_cmd(const char* cmd);
 void query_ps_process();
 int get_file_md5(const char* path, char* md5_out);
 int check_disk_info(const char* path, int* total, int* list, int* trailer_len);
+
+// Text for a shell command line, in single quotes (a quote inside becomes
+// '\''), so the shell takes it as one word with nothing expanded.
+std::string shell_quote(const char* text);
 
 // The installers' common ending: "system reboot...", watchdog, 5 s, reboot.
 void reboot_sequence();

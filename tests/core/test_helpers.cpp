@@ -36,6 +36,19 @@ class Helpers : public ::testing::Test {
   std::string out, err;
 };
 
+// What the shell makes of a quoted word is the word itself.
+TEST_F(Helpers, ShellQuoteKeepsTheTextOneWord) {
+  for (const char* text : {"K1.T", "a b", "it's", "$(reboot);`id`|&>x", "\\\"", ""}) {
+    std::string cmd = "printf %s " + shell_quote(text);
+    FILE* p = popen(cmd.c_str(), "r");
+    ASSERT_NE(p, nullptr);
+    char buf[128] = {};
+    size_t n = fread(buf, 1, sizeof(buf) - 1, p);
+    pclose(p);
+    EXPECT_EQ(std::string(buf, n), text) << cmd;
+  }
+}
+
 TEST_F(Helpers, KillSequenceInterruptsTheFirstEntryAndKillsTheRest) {
   set_kill_list({"main_app", "hid", "rtsp"});
   capture();

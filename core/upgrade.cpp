@@ -265,10 +265,8 @@ void read_version() {
 }
 
 void fill_endpoint_records() {
-  static const struct {
-    const char* group;
-    int port;
-  } kGroups[3] = {{"239.255.255.251", 8005}, {"239.255.255.252", 8006}, {"238.255.255.251", 8004}};
+  static const wire::group_port kGroups[3] = {wire::kSearchEndpoint, wire::kBatchEndpoint,
+                                               wire::kStatusEndpoint};
   for (int i = 0; i < 4; ++i) {
     mcast_endpoint& ep = daemon_state.endpoints[i];
     ep.sock = &g_mcast_sock[i];
@@ -287,12 +285,10 @@ void fill_endpoint_records() {
 
 void fill_protocol_keywords() {
   // Index = command code; entry 12 stays empty.
-  static const char* const kWords[kKeywordCount] = {
-      "SEARCH * ", "REPLY OK ", "CONFIGNET", "SUCCEED *", "FAILED * ", "CAMERA_RE", "LUMCONFIG",
-      "CAMERA_FL", "BOARD_TES", "CAMERA_QU", "CAMERA_UP", "PRODUCTIO", "",          "STATUS * "};
   for (int i = 0; i < kKeywordCount; ++i) {
+    const char* word = wire::kKeywords[i];
     memset(daemon_state.protocol_keywords[i], 0, kKeywordLen);
-    append_field(daemon_state.protocol_keywords[i], kKeywordLen, kWords[i], strlen(kWords[i]));
+    append_field(daemon_state.protocol_keywords[i], kKeywordLen, word, strlen(word));
   }
 }
 

@@ -6,6 +6,7 @@
 
 #include "core/site_conf.h"
 #include "discovery/mcast.h"
+#include "wire/text.h"
 
 inline constexpr const char* kUpgradeVersion = "3.1.34";
 
@@ -14,15 +15,12 @@ inline constexpr int kListNameLen = 256;
 inline constexpr int kMaxMtd = 20;
 inline constexpr int kMtdSummaryLen = 1024;
 inline constexpr int kMaxEnv = 2;
-inline constexpr int kKeywordCount = 14;
-inline constexpr int kKeywordLen = 256;
+inline constexpr int kKeywordCount = wire::kKeywordCount;
+inline constexpr int kKeywordLen = 256;  // one slot of protocol_keywords
 
 // Command codes: index into protocol_keywords.
-enum keyword_code {
-  KW_SEARCH = 0, KW_REPLY_OK = 1, KW_CONFIGNET = 2, KW_SUCCEED = 3, KW_FAILED = 4,
-  KW_CAMERA_RE = 5, KW_LUMCONFIG = 6, KW_CAMERA_FL = 7, KW_BOARD_TES = 8,
-  KW_CAMERA_QU = 9, KW_CAMERA_UP = 10, KW_PRODUCTIO = 11, KW_EMPTY = 12, KW_STATUS = 13,
-};
+using wire::keyword_code;
+using enum wire::keyword_code;
 
 enum work_modes { WORK_NORMAL = 0, WORK_DEBUG = 1, WORK_DEBUG_ARM = 2, WORK_DEBUG_SEARCH = 3 };
 

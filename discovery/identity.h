@@ -11,8 +11,9 @@
 #include <cstdint>
 
 #include "core/dbgout.h"
+#include "wire/text.h"
 
-inline constexpr size_t kIdLen = 32;  // device and client IDs: 32 hex characters
+inline constexpr size_t kIdLen = wire::kIdLen;  // device and client IDs: 32 hex characters
 
 // IPv4 network settings of eth0 (each text NUL-terminated).
 struct net_info_t {
@@ -84,7 +85,7 @@ int read_boot_times();
 int read_curve_times();
 int check_usb_disk_mount();
 // Local control service (127.0.0.1:1259; tests move the port).
-inline constexpr int kLocalControlPort = 1259;
+inline constexpr int kLocalControlPort = wire::kLocalControlPort;
 void set_local_control_port(int port);
 void send_local_control(const void* buf, size_t len);
 int sockaddr_to_string(const struct sockaddr* addr, char* out, size_t size);

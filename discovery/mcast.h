@@ -7,6 +7,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "wire/text.h"
+
 // One multicast endpoint. The socket and addresses live in variables owned by
 // start-up; the record only points at them so the DHCP watcher can replace
 // the socket under the listener.
@@ -26,8 +28,8 @@ void* mcast_func(void* arg);
 void* mcast_batUpgrade_func(void* arg);
 
 // Datagram sizes of the two listeners and the pause after a search datagram.
-inline constexpr size_t kSearchDatagram = 512;
-inline constexpr size_t kBatchDatagram = 5120;
+inline constexpr size_t kSearchDatagram = wire::kSearchDatagram;
+inline constexpr size_t kBatchDatagram = wire::kBatchDatagram;
 inline constexpr uint64_t kSearchPauseUs = 300000;
 
 // Opens one IPv4 endpoint: socket, addresses, SO_REUSEADDR, non-blocking,

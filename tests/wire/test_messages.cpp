@@ -1,0 +1,58 @@
+// Messages both ends build and read: byte positions and field forms.
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "wire/text.h"
+#include "wire/upgrade.h"
+
+namespace {
+
+const std::string kA(32, 'a'), kB(32, 'b'), kC(32, 'c'), kS(32, '5');
+
+TEST(WireMessages, SearchRequestCarriesTheClientIdAtByte28) {
+  std::string req = wire::search_request(kC);
+  EXPECT_EQ(req.substr(0, 9), "SEARCH * ");
+  EXPECT_EQ(req.substr(wire::kSearchClientIdAt), kC);
+}
+
+TEST(WireMessages, AnnouncementNamesEveryCameraAndEndsVariableFields) {
+  wire::announcement a;
+  a.device_ids = {kA, kB};
+  a.client_id = kC;
+  a.session = kS;
+  a.file_name = "fw.zip";
+  a.md5 = std::string(32, 'f');
+  a.file_size = 123456789;
+  a.mode = 5;
+  EXPECT_EQ(wire::build_announcement(a),
+            "CAMERA_UP\r\nDevice ID:0002" + kA + kB + "\r\nClient ID:" + kC + "\r\nSESSION:" + kS +
+                "\r\nFile name:fw.zip*\r\nFile md5:" + std::string(32, 'f') +
+                "\r\nFile size:123456789*\r\nUpgrade Mode:5");
+}
+
+TEST(WireMessages, PacketHeaderAndDataRoundTrip) {
+  std::string pkt = wire::build_packet(wire::kPacketMiddle, kS, "xyz", 3);
+  ASSERT_EQ(pkt.size(), 45u);
+  auto v = wire::parse_packet(pkt.data(), pkt.size());
+  ASSERT_TRUE(v);
+  EXPECT_EQ(v->kind, 't');
+  EXPECT_EQ(v->session, kS);
+  EXPECT_EQ(std::string(v->data, v->len), "xyz");
+  // A header alone is an empty packet; one byte less is not a packet.
+  EXPECT_EQ(wire::parse_packet(pkt.data(), 42)->len, 0u);
+  EXPECT_FALSE(wire::parse_packet(pkt.data(), 41));
+}
+
+TEST(WireMessages, ReplyFieldsSplitAtTheFirstSeparator) {
+  auto f = wire::reply_fields("REPLYU DO\r\nClient ID:" + kC + "\r\nAck:7\r\nIP=10.0.0.2\r\nX=a:b");
+  ASSERT_EQ(f.size(), 4u);
+  EXPECT_EQ(f[0].first, "Client ID");
+  EXPECT_EQ(f[1].second, "7");
+  EXPECT_EQ(f[2].second, "10.0.0.2");
+  EXPECT_EQ(f[3].second, "a:b");
+  EXPECT_EQ(wire::status_confirmation(kA, kC),
+            "STATUS * \r\nDevice ID:" + kA + "\r\nClient ID:" + kC + "\r\nStatus=2");
+}
+
+}  // namespace

@@ -1,0 +1,91 @@
+// The multicast upgrade on the batch group as both ends see it: the
+// announcement's fields, the transfer packets, the acknowledgement codes,
+// the modes and the post-upgrade status exchange.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "wire/text.h"
+
+namespace wire {
+
+// Announcement: "CAMERA_UP" with "Device ID:" (batch form: a four-digit
+// count, then that many IDs back to back), "Client ID:" and these fields.
+inline constexpr const char* kSessionKey = "SESSION:";        // kIdLen characters
+inline constexpr const char* kFileNameKey = "File name:";     // up to 128, '*' ends
+inline constexpr const char* kFileMd5Key = "File md5:";       // 32 lower-case hex digits
+inline constexpr const char* kFileSizeKey = "File size:";     // up to 9 digits, '*' ends
+inline constexpr const char* kUpgradeModeKey = "Upgrade Mode:";  // one digit
+inline constexpr size_t kFileNameMax = 128;
+inline constexpr size_t kMd5Len = 32;
+inline constexpr size_t kFileSizeDigits = 9;
+inline constexpr char kFieldEnd = '*';
+inline constexpr size_t kBatchCountDigits = 4;
+
+// Transfer packet: "CAMERA_UP", the kind, the session ID, then the data.
+inline constexpr size_t kPacketKindAt = kKeywordLen;           // 9
+inline constexpr size_t kPacketSessionAt = kPacketKindAt + 1;  // 10
+inline constexpr size_t kPacketDataAt = kPacketSessionAt + kIdLen;  // 42
+inline constexpr size_t kPacketDataMax = kBatchDatagram - kPacketDataAt;  // 5078
+inline constexpr char kPacketFirst = 'b';
+inline constexpr char kPacketMiddle = 't';
+inline constexpr char kPacketLast = 'o';
+
+// The character after "\r\nAck:" in a "REPLYU DO" reply.
+inline constexpr const char* kAckKey = "Ack:";
+enum ack_code : char {
+  ACK_READY = '0',         // announcement accepted, send the file
+  ACK_NO_SPACE = '1',      // not enough room in /dev
+  ACK_WRITE_FAILED = '2',  // the file could not be stored (or mode 3's image not found)
+  ACK_MD5_OK = '5',
+  ACK_MD5_BAD = '6',       // also a refused file name; the camera reboots (unless DEBUG)
+  ACK_INSTALLED = '7',     // installation done; the camera reboots
+  ACK_ARM_FAILED = '8',    // controller programming failed; the camera reboots
+  ACK_BUSY = '9',          // another upgrade is in progress
+};
+
+// Upgrade modes; 5 and above write partition (mode - 5).
+enum upgrade_mode : int {
+  MODE_SYSTEM = 1,    // zip package unpacked over /
+  MODE_ARM = 2,       // motor-controller image
+  MODE_APP_ARM = 3,   // package with u-boot, uImage and controller image
+  MODE_ALL_MTD = 4,   // whole-flash image
+  MODE_PARTITION = 5, // first single-partition mode (partition 0)
+};
+
+struct announcement {
+  std::vector<std::string> device_ids;  // each kIdLen characters
+  std::string client_id;                // kIdLen characters
+  std::string session;                  // kIdLen characters
+  std::string file_name;
+  std::string md5;
+  uint64_t file_size = 0;
+  int mode = 0;
+};
+std::string build_announcement(const announcement& a);
+
+// One transfer packet of `kind` carrying [data, data+len) (len <= kPacketDataMax).
+std::string build_packet(char kind, std::string_view session, const void* data, size_t len);
+
+struct packet_view {
+  char kind;
+  std::string_view session;  // kIdLen bytes
+  const char* data;
+  size_t len;
+};
+// The header of a "CAMERA_UP" datagram without "Device ID:"; nothing when
+// the datagram is shorter than the header.
+std::optional<packet_view> parse_packet(const char* buf, size_t len);
+
+// Post-upgrade report ("STATUS * " ... "\r\nStatus=1") and the tool's
+// confirmation that ends it.
+inline constexpr const char* kStatusReported = "Status=1";
+inline constexpr const char* kStatusConfirmed = "Status=2";
+std::string status_confirmation(std::string_view device_id, std::string_view client_id);
+
+}  // namespace wire

@@ -1,0 +1,185 @@
+"""Figures of the armhf daemon on a virtual camera, as ratios within one run
+(an emulated CPU is not a clock; ratios between programs on the same
+emulated flash are).
+
+    /usr/bin/python3 bench/vm_figures.py [build/armhf/upgrade]
+
+Prints:
+  - whole-flash write (the watcher, /dev/*.img + /dev/mtd_upgrade) of a new,
+    an unchanged and a 10 %-changed image against mtd-utils flashcp and
+    flash_erase + nandwrite (armhf) writing the same image on the same nandsim
+  - multicast ingest (announcement to md5 '5', DEBUG mode) against a bare
+    receive-and-write sink in the same guest, when the daemon has the
+    multicast upgrade
+  - stripped size, RSS, private dirty memory and threads after start-up, and
+    the daemon's CPU share of an idle minute
+Run as root; needs the virtual camera image (sim/vm/build-image).
+"""
+
+import random
+import re
+import subprocess
+import sys
+import time
+from pathlib import Path
+
+TOP = Path(__file__).resolve().parents[1]
+sys.path.insert(0, str(TOP / "sim" / "vm"))
+sys.path.insert(0, str(TOP / "sim" / "ns"))
+
+import camera as rig  # noqa: E402
+import lanupgrade  # noqa: E402
+import vmcam  # noqa: E402
+
+BLOCK = vmcam.BLOCK
+PARTS = [(0, 8), (1, 2), (2, 32)]  # boot, env, kernel: (mtd index, blocks)
+STAMP = re.compile(r"^\[\d+-\d+-\d+ (\d+):(\d+):([\d.]+) ")
+
+
+def stamp_seconds(line):
+    m = STAMP.match(line)
+    h, mi, s = m.groups()
+    return int(h) * 3600 + int(mi) * 60 + float(s)
+
+
+def watcher_write(cam, img, boot):
+    """Seconds the watcher spent writing (its own trace stamps: first
+    partition to "MTD upgrade finish"), then waits for the next boot."""
+    cam.put(img, "/dev/fw.img")
+    cam.exec("touch /dev/mtd_upgrade", check=True)
+    cam.wait_boot(boot + 1, timeout=900)
+    lines = cam.lines(boot=boot)
+    start = next(l for l in lines if " mtd0 write_addr 0x0 " in l and STAMP.match(l))
+    end = next(l for l in lines if "MTD upgrade finish" in l and STAMP.match(l))
+    return stamp_seconds(end) - stamp_seconds(start)
+
+
+def uptime(cam):
+    return float(cam.exec("cat /proc/uptime", check=True)[1].split()[0])
+
+
+def tool_write(cam, img, how):
+    """Seconds (guest uptime) a stock tool takes to put the same partitions."""
+    off = 0
+    cmds = []
+    for index, blocks in PARTS:
+        piece = img[off:off + blocks * BLOCK]
+        cam.put(piece, f"/dev/part{index}.bin")
+        off += blocks * BLOCK
+        if how == "flashcp":
+            cmds.append(f"flashcp /dev/part{index}.bin /dev/mtd{index}")
+        else:
+            cmds.append(f"flash_erase -q /dev/mtd{index} 0 0 && "
+                        f"nandwrite -q -p /dev/mtd{index} /dev/part{index}.bin")
+    t0 = uptime(cam)
+    cam.exec(" && ".join(cmds), timeout=900, check=True)
+    return uptime(cam) - t0
+
+
+def daemon_memory(cam):
+    pid = cam.exec("pidof upgrade", check=True)[1].split()[0]
+    status = cam.exec(f"cat /proc/{pid}/status", check=True)[1]
+    smaps = cam.exec(f"cat /proc/{pid}/smaps", check=True)[1]
+    rss = int(re.search(r"VmRSS:\s+(\d+)", status).group(1))
+    threads = int(re.search(r"Threads:\s+(\d+)", status).group(1))
+    dirty = sum(int(x) for x in re.findall(r"Private_Dirty:\s+(\d+)", smaps))
+
+    def ticks():
+        f = cam.exec(f"cat /proc/{pid}/stat", check=True)[1].rsplit(")", 1)[1].split()
+        return int(f[11]) + int(f[12])  # utime + stime
+
+    t0, c0 = uptime(cam), ticks()
+    cam.exec("sleep 60", timeout=300)
+    t1, c1 = uptime(cam), ticks()
+    cpu = (c1 - c0) / 100.0 / (t1 - t0) * 100.0  # USER_HZ = 100
+    return rss, dirty, threads, cpu
+
+
+def ingest(session, lan, size):
+    """(daemon seconds, sink seconds) for `size` bytes, host-timed from the
+    first datagram to '5' (daemon) or the sink's completion."""
+    cam = vmcam.VirtualCamera(session, lan, name="ingest", word="DEBUG")
+    try:
+        cam.start()
+        device_id = lan.search(count=1, from_ip=cam.ip, timeout=30)[0].fields()["Device ID"]
+        data = random.Random(1).randbytes(size)
+        with lanupgrade.Upgrade(lan, [device_id], data, "ingest.bin", 1, rate=8 << 20) as up:
+            assert up.announce().get(device_id) == "0", "announcement not accepted"
+            t0 = time.monotonic()
+            up.stream()
+            up.wait_acks("5", 600)
+            t_daemon = next(t for t, d, c in up.acks if c == "5") - t0
+        cam.exec(f"(mcast_sink 239.255.255.252 8106 /dev/sink.bin {size} "
+                 "> /.rig/calls/sink.txt 2>&1 &)", check=True)
+        vmcam.wait_until(lambda: "ready" in (cam.read_text("/.rig/calls/sink.txt") or ""), 30)
+        with lan.listen("239.255.255.252", 8106) as tx:
+            t0 = time.monotonic()
+            sid = b"s" * 32
+            chunks = [data[i:i + lanupgrade.DATA_MAX]
+                      for i in range(0, size, lanupgrade.DATA_MAX)]
+            for i, chunk in enumerate(chunks):
+                kind = b"b" if i == 0 else b"o" if i == len(chunks) - 1 else b"t"
+                tx.send(b"CAMERA_UP" + kind + sid + chunk)
+                ahead = t0 + (i + 1) * 5120 / (8 << 20) - time.monotonic()
+                if ahead > 0:
+                    time.sleep(ahead)
+            vmcam.wait_until(lambda: "bytes" in (cam.read_text("/.rig/calls/sink.txt") or ""),
+                             600)
+            t_sink = time.monotonic() - t0
+        return t_daemon, t_sink
+    finally:
+        cam.teardown()
+
+
+def main(argv):
+    daemon = Path(argv[1] if len(argv) > 1 else TOP / "build/armhf/upgrade")
+    vmcam.build_image()
+    rig.sweep_stale()
+    session = rig.Session(daemon)
+    lan = rig.Lan(session).start()
+    rows = []
+    try:
+        cam = vmcam.VirtualCamera(session, lan, name="bench")
+        cam.start()
+        size = len(subprocess.run(["arm-linux-gnueabihf-strip", "-o", "/dev/stdout", daemon],
+                                  capture_output=True, check=True).stdout)
+        rss, dirty, threads, cpu = daemon_memory(cam)
+
+        rnd = random.Random(7)
+        total = sum(b for _i, b in PARTS)
+        new = rnd.randbytes(total * BLOCK)
+        changed = bytearray(new)
+        for blk in rnd.sample(range(total), total // 10):
+            changed[blk * BLOCK:blk * BLOCK + 64] = rnd.randbytes(64)
+        changed = bytes(changed)
+        t_new = watcher_write(cam, new, 1)
+        t_same = watcher_write(cam, new, 2)
+        t_changed = watcher_write(cam, changed, 3)
+        t_flashcp = tool_write(cam, new, "flashcp")
+        t_nandwrite = tool_write(cam, new, "nandwrite")
+        cam.teardown()
+
+        for name, t in (("new image", t_new), ("unchanged image", t_same),
+                        ("10 %-changed image", t_changed)):
+            rows.append((f"whole-flash write, {name} / flashcp", t / t_flashcp))
+            rows.append((f"whole-flash write, {name} / flash_erase+nandwrite", t / t_nandwrite))
+        if b"cur_client_id_Upgrade" in daemon.read_bytes():
+            t_daemon, t_sink = ingest(session, lan, 4 << 20)
+            rows.append(("multicast ingest 4 MiB / bare sink", t_daemon / t_sink))
+        else:
+            rows.append(("multicast ingest / bare sink", "n/a (no multicast upgrade yet)"))
+        rows += [("stripped armhf size, bytes", size), ("RSS after start-up, KiB", rss),
+                 ("private dirty after start-up, KiB", dirty), ("threads", threads),
+                 ("idle CPU over 60 s, % of the emulated CPU", round(cpu, 2))]
+    finally:
+        lan.stop()
+        session.close()
+    print(f"\nvirtual camera figures ({len(PARTS)} partitions, {total * BLOCK >> 10} KiB image)")
+    for name, value in rows:
+        shown = f"{value:.2f}" if isinstance(value, float) else str(value)
+        print(f"  {name:<60} {shown}")
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main(sys.argv))

@@ -56,7 +56,7 @@ def main(argv):
             print("\nthis daemon has no multicast upgrade yet: the demo ends after the search")
             ok = True
             return 0
-        piece = random.Random(1).randbytes(300 * 1024)
+        piece = random.Random(1).randbytes(320 * 1024)  # whole 64 KiB pieces
         print(f"\n--- multicast upgrade: {len(piece)} bytes for partition {KERNEL} "
               f"(mode {5 + KERNEL}) to 239.255.255.252:8006")
         with lanupgrade.Upgrade(lan, [device_id], piece, "uImage.bin", 5 + KERNEL) as up:

@@ -407,7 +407,7 @@ class VirtualCamera:
         while True:
             done = proc.poll() is not None
             if self.echo:
-                lines = self.lines(boot=boot)
+                lines = self.lines(boot=boot, complete=not done)
                 for line in lines[shown:]:
                     self.echo(self, line)
                 shown = len(lines)
@@ -449,12 +449,15 @@ class VirtualCamera:
         code = self.proc.returncode if self.proc else None
         return f"qemu exited with {code}"
 
-    def lines(self, boot=None):
-        """Console lines (kernel and daemon) of a boot (default: the current one)."""
+    def lines(self, boot=None, complete=False):
+        """Console lines (kernel and daemon) of a boot (default: the current
+        one); with `complete`, a last line still being written is left out."""
         try:
             data = self.console_path(boot or self.boots).read_bytes()
         except FileNotFoundError:
             return []
+        if complete:
+            data = data[:data.rfind(b"\n") + 1]
         return data.decode(errors="replace").replace("\r", "").splitlines()
 
     def wait_line(self, pattern, timeout=60.0, boot=None, after=0):

@@ -38,7 +38,7 @@ class Upgrade:
     """One multicast upgrade session to the cameras with these device IDs."""
 
     def __init__(self, lan, device_ids, data, file_name, mode, client_id=None, session=None,
-                 rate=4 << 20):
+                 rate=1 << 20):
         self.lan = lan
         self.ids = list(device_ids)
         self.data = data

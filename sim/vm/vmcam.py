@@ -93,14 +93,15 @@ class Flash:
     """The nandsim cache file seen from the host: every page is 2048 data
     bytes and 64 OOB bytes, erase blocks of 64 pages."""
 
-    def __init__(self, path, parts=DEFAULT_PARTS):
+    def __init__(self, path, parts=DEFAULT_PARTS, blocks=NAND_BLOCKS):
         self.path = Path(path)
-        self.parts = partition_table(parts)
+        self.blocks = blocks
+        self.parts = partition_table(parts, blocks)
 
     def create(self):
         with open(self.path, "wb") as f:
             chunk = b"\xff" * (RAW_PAGE * PAGES_PER_BLOCK)
-            for _ in range(NAND_BLOCKS):
+            for _ in range(self.blocks):
                 f.write(chunk)
             f.write(b"\xff" * 8)  # the driver's erase counter: none yet
 
@@ -108,7 +109,7 @@ class Flash:
         """Erase blocks erased since the flash was made (kept by the driver
         after the last page; it survives reboots like the flash)."""
         with open(self.path, "rb") as f:
-            f.seek(NAND_BLOCKS * PAGES_PER_BLOCK * RAW_PAGE)
+            f.seek(self.blocks * PAGES_PER_BLOCK * RAW_PAGE)
             raw = f.read(8)
         return 0 if raw == b"\xff" * 8 else int.from_bytes(raw, "little")
 
@@ -135,7 +136,7 @@ class Flash:
         return b"".join(self.block(b) for b in blocks)
 
     def bad_blocks(self):
-        return [b for b in range(NAND_BLOCKS) if self.is_bad(b)]
+        return [b for b in range(self.blocks) if self.is_bad(b)]
 
     def size(self, index):
         return self.parts[index][2] * BLOCK
@@ -382,6 +383,9 @@ class VirtualCamera:
         lan = self.lan.name
         if run(["ip", "-n", lan, "link", "show", self._tap], check=False).returncode != 0:
             run(["ip", "-n", lan, "tuntap", "add", "dev", self._tap, "mode", "tap"])
+            # A long queue: upgrade datagrams wait there (as IP fragments)
+            # while the emulated CPU is busy, instead of being dropped.
+            run(["ip", "-n", lan, "link", "set", self._tap, "txqueuelen", "20000"])
             run(["ip", "-n", lan, "link", "set", self._tap, "master", "br0", "up"])
         self.boots += 1
         archive = self._boot_archive()

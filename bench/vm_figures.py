@@ -141,8 +141,9 @@ def main(argv):
     try:
         cam = vmcam.VirtualCamera(session, lan, name="bench")
         cam.start()
-        size = len(subprocess.run(["arm-linux-gnueabihf-strip", "-o", "/dev/stdout", daemon],
-                                  capture_output=True, check=True).stdout)
+        stripped = session.workdir / "upgrade.stripped"
+        subprocess.run(["arm-linux-gnueabihf-strip", "-o", stripped, daemon], check=True)
+        size = stripped.stat().st_size
         rss, dirty, threads, cpu = daemon_memory(cam)
 
         rnd = random.Random(7)

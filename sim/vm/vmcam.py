@@ -529,17 +529,22 @@ class VirtualCamera:
     def stop(self):
         """Ends the machine (if running), the simulator and the tap."""
         self._stopping = True
-        p = self.proc
-        if p is not None and p.poll() is None:
-            with contextlib.suppress(ProcessLookupError):
-                os.kill(p.pid, signal.SIGTERM)
-            try:
-                p.wait(10)
-            except subprocess.TimeoutExpired:
-                p.kill()
-                p.wait(5)
-        if self._watcher is not None and self._watcher is not threading.current_thread():
-            self._watcher.join(10)
+        while True:
+            # A reboot may have started a new machine just before the flag.
+            p = self.proc
+            if p is not None and p.poll() is None:
+                with contextlib.suppress(ProcessLookupError):
+                    os.kill(p.pid, signal.SIGTERM)
+                try:
+                    p.wait(10)
+                except subprocess.TimeoutExpired:
+                    p.kill()
+                    p.wait(5)
+            w = self._watcher
+            if w is not None and w is not threading.current_thread():
+                w.join(10)
+            if self.proc is p:
+                break
         self._ended.set()
         self._close_shell()
         s = self.stm32

@@ -196,6 +196,13 @@ class VirtualCamera:
         data = self.read(camera_path)
         return None if data is None else data.decode(errors="replace")
 
+    def wait_file_text(self, camera_path, text, timeout=60.0):
+        """Waits until a camera file (under /data, /customer, /.rig) holds
+        `text`; returns the file's text."""
+        if not wait_until(lambda: text in (self.read_text(camera_path) or ""), timeout):
+            raise AssertionError(f"{self.name}: no {text!r} in {camera_path} within {timeout}s")
+        return self.read_text(camera_path)
+
     @property
     def device_id(self):
         return self.read_text("/data/uuid_file")

@@ -4,8 +4,8 @@
  * The bare receiver the multicast upgrade's ingest is measured against:
  * joins GROUP:PORT on every interface, appends each datagram's payload after
  * the 42-byte transfer header to FILE, and exits once BYTES payload bytes
- * are written, printing "sink: N bytes in M datagrams, T ms" (T from the
- * first datagram to the last).
+ * are written, printing "sink: N bytes in M datagrams, T ms, C ms cpu" (T
+ * from the first datagram to the last, C the process's CPU time).
  */
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -13,6 +13,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <time.h>
 #include <unistd.h>
@@ -68,6 +69,11 @@ int main(int argc, char** argv) {
     got += n - 42;
   }
   close(fd);
-  printf("sink: %lld bytes in %lld datagrams, %lld ms\n", got, count, now_ms() - first);
+  struct rusage ru;
+  getrusage(RUSAGE_SELF, &ru);
+  long long cpu = (ru.ru_utime.tv_sec + ru.ru_stime.tv_sec) * 1000LL +
+                  (ru.ru_utime.tv_usec + ru.ru_stime.tv_usec) / 1000;
+  printf("sink: %lld bytes in %lld datagrams, %lld ms, %lld ms cpu\n", got, count,
+         now_ms() - first, cpu);
   return 0;
 }

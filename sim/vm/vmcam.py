@@ -91,12 +91,13 @@ class VirtualCamera:
                 stm32_flash()); False: ttyS1 unconnected
     autoboot    boot again after a reboot or watchdog reset
     mem         guest memory in MiB
+    qemu_args   more qemu-system-arm arguments (e.g. "-icount" for benchmarks)
     """
 
     def __init__(self, session, lan, name=None, *, word=None, ip=None, mac=None, gateway=True,
                  files=None, pid_list=None, del_list=(), parts=None, bad_blocks=(),
                  wdt_margin=60, usb=None, stm32=True, autoboot=True, mem=256,
-                 upgrade_bin=None, echo=None):
+                 upgrade_bin=None, echo=None, qemu_args=()):
         self.session, self.lan = session, lan
         n = session.next_id()
         self.name = name or f"vm{n}"
@@ -116,6 +117,7 @@ class VirtualCamera:
         self.mem = mem
         self.upgrade_bin = Path(upgrade_bin or session.upgrade_bin)
         self.echo = echo  # callable(camera, line) for every console line
+        self.qemu_args = list(qemu_args)
         self.flash = Flash(self.dir / "flash.nand", self.parts)
         self.boots = 0
         self.ends = []  # (boot, reason, seconds) of every boot that ended
@@ -298,7 +300,7 @@ class VirtualCamera:
         if self.usb is not None:
             argv += ["-drive", f"if=none,id=usb,file={d / 'usb.img'},format=raw",
                      "-device", "virtio-blk-device,drive=usb,serial=usb"]
-        return [str(a) for a in argv]
+        return [str(a) for a in argv + self.qemu_args]
 
     def console_path(self, boot):
         return self.dir / f"console.boot{boot}"

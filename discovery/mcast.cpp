@@ -35,6 +35,9 @@ std::atomic<int> g_net_info_failures{0};
 std::atomic<mcast_open_fn> g_open_hook{nullptr};
 // Guards the address records while an endpoint is (re-)opened or used.
 std::mutex g_addr_mu;
+// An installer's forked child sends acknowledgements (see identity.cpp).
+[[maybe_unused]] const int g_addr_fork_guard = pthread_atfork(
+    [] { g_addr_mu.lock(); }, [] { g_addr_mu.unlock(); }, [] { g_addr_mu.unlock(); });
 
 int set_int_opt(int fd, int level, int opt, int value) {
   return setsockopt(fd, level, opt, &value, sizeof(value));
@@ -366,8 +369,9 @@ int mcast_listen_once(mcast_endpoint* ep, std::atomic<int>& recv_switch, size_t 
     sys().sleep_us(kIdleUs);
     return 0;
   }
-  if (daemon_state.upgrade_busy.load() == 0 && mcast_upgrade_in_progress() == 0)
-    mcast_receive(ep, buf, static_cast<size_t>(n));
+  // Only another installer's run drops datagrams: a multicast upgrade needs
+  // its transfer packets, and its handler answers a second announcement.
+  if (daemon_state.upgrade_busy.load() == 0) mcast_receive(ep, buf, static_cast<size_t>(n));
   if (pause_us > 0) sys().sleep_us(pause_us);
   return 1;
 }

@@ -361,6 +361,8 @@ int upgrade_main(int argc, char** argv) {
   init_tcpsocket(&listen_socket, &listen_addr);
   start_thread(mtd_upgrade_func, nullptr);
   start_thread(udisk_upgrade_func, nullptr);
+  // The post-upgrade report, on its own endpoint apart from the listeners.
+  if (st.site.status_report == 1) start_thread(mcast_upgradeStatus_func, &st.endpoints[2]);
 
   // The installers run these copies: the originals may be replaced.
   sys().shell("cp /bin/fw_setenv /dev/fw_setenv");

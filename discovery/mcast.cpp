@@ -26,6 +26,10 @@
 namespace {
 
 constexpr int kPollMs = 50;
+// Room for a burst of transfer packets while the handler writes: 1 MiB
+// (the kernel doubles it) holds some 400 full datagrams, 160 ms at the
+// camera's line rate. The default holds about 40.
+constexpr int kRecvBufferBytes = 1 << 20;
 constexpr uint64_t kSwitchOffUs = 100000;
 constexpr uint64_t kIdleUs = 50000;
 
@@ -117,6 +121,9 @@ int init_mcast(std::atomic<int>* sock, struct sockaddr_in* bind_addr,
     DBG_ERR("Reusing ADDR failed\n");
     return -1;
   }
+  // Above the system's limit only for root (SO_RCVBUFFORCE).
+  if (set_int_opt(fd, SOL_SOCKET, SO_RCVBUFFORCE, kRecvBufferBytes) < 0)
+    set_int_opt(fd, SOL_SOCKET, SO_RCVBUF, kRecvBufferBytes);
   set_nonblocking(fd, 0);
   struct sockaddr_in local;
   {
@@ -352,19 +359,25 @@ int mcast_listen_once(mcast_endpoint* ep, std::atomic<int>& recv_switch, size_t 
   char buf[kBatchDatagram];
   if (size > sizeof(buf)) size = sizeof(buf);
   int fd = ep->sock->load();
-  // Waiting in poll() answers a command at once; the timeout is the idle
-  // pause of a non-blocking read.
-  struct pollfd pfd = {fd, POLLIN, 0};
-  int ready = poll(&pfd, 1, kPollMs);
-  if (ready == 0) return 0;
-  if (ready < 0 || (pfd.revents & POLLIN) == 0) {
-    sys().sleep_us(kIdleUs);
-    return 0;
-  }
   struct sockaddr_in sender;
   socklen_t sender_len = sizeof(sender);
+  // A datagram already queued (a transfer streams them back to back) is
+  // taken at once; otherwise waiting in poll() answers a command as soon as
+  // it comes, the timeout being the idle pause of a non-blocking read.
   ssize_t n = recvfrom(fd, buf, size, MSG_DONTWAIT, reinterpret_cast<struct sockaddr*>(&sender),
                        &sender_len);
+  if (n < 0) {
+    struct pollfd pfd = {fd, POLLIN, 0};
+    int ready = poll(&pfd, 1, kPollMs);
+    if (ready == 0) return 0;
+    if (ready < 0 || (pfd.revents & POLLIN) == 0) {
+      sys().sleep_us(kIdleUs);
+      return 0;
+    }
+    sender_len = sizeof(sender);
+    n = recvfrom(fd, buf, size, MSG_DONTWAIT, reinterpret_cast<struct sockaddr*>(&sender),
+                 &sender_len);
+  }
   if (n < 0) {
     sys().sleep_us(kIdleUs);
     return 0;

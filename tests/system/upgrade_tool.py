@@ -43,6 +43,27 @@ def packets(session, data, size=PACKET_DATA):
     return [packet(k, session, c) for k, c in zip(kinds, chunks)]
 
 
+def query(device_ids, client=CLIENT):
+    """"CAMERA_QU" (firmware query) naming the cameras."""
+    return (f"CAMERA_QU\r\nDevice ID:{len(device_ids):04d}{''.join(device_ids)}"
+            f"\r\nClient ID:{client}").encode()
+
+
+def wait_ready(lan, cams, timeout=15.0):
+    """Returns once each camera's batch listener has answered a firmware
+    query: an announcement is sent once and must be heard."""
+    for cam in cams:
+        got = lan.request(query([cam.device_id]), *rig.BATCH_GROUP, timeout=timeout, count=1,
+                          match=b"REPLYQ OK", resend=0.5, from_ip=cam.ip)
+        assert got, f"{cam.name}: the batch listener never answered{cam._tail()}"
+
+
+def confirmation(device_id, client=CLIENT):
+    """The tool's "STATUS * " answer that ends a camera's report."""
+    return (f"STATUS * \r\nDevice ID:{device_id}\r\nClient ID:{client}"
+            f"\r\nStatus=2").encode()
+
+
 def ack_code(reply):
     return reply.fields().get("Ack")
 
@@ -87,9 +108,15 @@ class Transfer:
             if i not in skip:
                 self.send(p)
 
+    def _mine(self, reply):
+        # Another tool's '9' names that tool's client ID; every other
+        # acknowledgement names the upgrade's session.
+        return (reply.data.startswith(b"REPLYU DO")
+                and reply.fields().get("Client ID") in (self.session, self.client))
+
     def _collect(self, timeout, done):
         while not done():
-            got = self.rx.collect(timeout=timeout, count=1, match=b"REPLYU DO")
+            got = self.rx.collect(timeout=timeout, count=1, match=self._mine)
             if not got:
                 return
             r = got[0]

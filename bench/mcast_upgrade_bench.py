@@ -19,10 +19,8 @@ import argparse
 import hashlib
 import os
 import re
-import secrets
 import subprocess
 import sys
-import time
 from pathlib import Path
 
 TOP = Path(__file__).resolve().parents[1]

@@ -87,7 +87,9 @@ int send_file(char** a) {
   for (size_t i = 0; i < count; ++i) {
     size_t off = std::min(i * chunk, data.size());
     size_t len = std::min(chunk, data.size() - off);
-    char kind = i == 0 ? wire::kPacketFirst : i + 1 == count ? wire::kPacketLast : wire::kPacketMiddle;
+    char kind = i == 0           ? wire::kPacketFirst
+                : i + 1 == count ? wire::kPacketLast
+                                 : wire::kPacketMiddle;
     std::string p = wire::build_packet(kind, a[5], data.data() + off, len);
     if (gap > 0) wait_until(start + static_cast<double>(i) * gap);
     while (sendto(fd, p.data(), p.size(), 0, reinterpret_cast<sockaddr*>(&to), sizeof(to)) < 0) {

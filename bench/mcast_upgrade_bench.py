@@ -25,10 +25,8 @@ from pathlib import Path
 
 TOP = Path(__file__).resolve().parents[1]
 sys.path.insert(0, str(TOP / "sim" / "ns"))
-sys.path.insert(0, str(TOP / "tests" / "system"))
 
 import camera as rig  # noqa: E402
-from upgrade_tool import Transfer  # noqa: E402
 
 RATES = [10, 25, 50, 100, 200, 0]  # Mbit/s of datagrams; 0 = unpaced
 SINK_PORT = 8106
@@ -70,7 +68,7 @@ def send(lan, stream, path, session, port, rate):
 
 def daemon_run(lan, cam, pid, stream, data, path, rate):
     """Announce, stream, wait for '5' or '6'; (sent, lost, cpu seconds, send time)."""
-    with Transfer(lan, [cam], data, name="bench.img", mode=1) as t:
+    with rig.Transfer(lan, [cam], data, name="bench.img", mode=1) as t:
         t.announce()
         assert t.ack(cam, timeout=30) == "0"
         before = cpu_seconds(pid)
@@ -144,7 +142,8 @@ def main():
                                                        rate)
                 cam.path("/dev/bench.img").unlink(missing_ok=True)
                 s_sent, s_lost, s_cpu = sink_run(lan, cam, args.stream, path, rate)
-                label = f"{rate} Mbit/s" if rate else f"unpaced ({sent * 5120 * 8 / secs / 1e6:.0f})"
+                achieved = sent * 5120 * 8 / secs / 1e6
+                label = f"{rate} Mbit/s" if rate else f"unpaced ({achieved:.0f})"
                 print(f"{label:>18} | {d_lost:>11} {per_mib(d_cpu, sent, d_lost):>10.5f} | "
                       f"{s_lost:>9} {per_mib(s_cpu, s_sent, s_lost):>10.5f}", flush=True)
         stray = [line for line in cam.lines("both") if re.search(r"write dstfile failed", line)]

@@ -1,11 +1,12 @@
-"""The tool's side of a multicast upgrade on the sandbox LAN: announcements,
-transfer packets and the cameras' acknowledgements ("REPLYU DO ... Ack:X").
+"""Camera sandbox: the tool's side of a multicast upgrade on the LAN:
+announcements, transfer packets and the cameras' acknowledgements
+("REPLYU DO ... Ack:X"), and the confirmation of a post-upgrade report.
 
     with Transfer(lan, [cam], data, name="fw.zip", mode=1) as t:
         t.announce()
         assert t.ack(cam) == "0"
         t.stream()
-        assert t.acks(cam, 2) == ["5", "7"]
+        assert t.acks(cam, 3) == ["0", "5", "7"]
 """
 
 from __future__ import annotations
@@ -13,7 +14,7 @@ from __future__ import annotations
 import hashlib
 import secrets
 
-import camera as rig
+from rigbase import BATCH_GROUP
 
 CLIENT = "7001c0de7001c0de7001c0de7001c0de"
 STATUS_GROUP = ("238.255.255.251", 8004)
@@ -53,7 +54,7 @@ def wait_ready(lan, cams, timeout=15.0):
     """Returns once each camera's batch listener has answered a firmware
     query: an announcement is sent once and must be heard."""
     for cam in cams:
-        got = lan.request(query([cam.device_id]), *rig.BATCH_GROUP, timeout=timeout, count=1,
+        got = lan.request(query([cam.device_id]), *BATCH_GROUP, timeout=timeout, count=1,
                           match=b"REPLYQ OK", resend=0.5, from_ip=cam.ip)
         assert got, f"{cam.name}: the batch listener never answered{cam._tail()}"
 
@@ -79,7 +80,7 @@ class Transfer:
         self.md5 = md5 or hashlib.md5(data).hexdigest()
         self.size = len(data) if size is None else size
         self.session = session or secrets.token_hex(16)
-        self.rx = lan.listen(*rig.BATCH_GROUP)
+        self.rx = lan.listen(*BATCH_GROUP)
         self._heard = {}
         self._read = {}
 

@@ -52,6 +52,20 @@ def cpu_seconds(pid):
     return total / 1e9
 
 
+def drops(cam):
+    """(receive-buffer overflows, failed reassemblies, backlog drops) so far:
+    the camera namespace's UDP and IP counters and the host's per-CPU
+    backlog, where a lost datagram is counted."""
+    snmp = Path(f"/proc/{cam.init_pid}/net/snmp").read_text().splitlines()
+    table = {}
+    for head, values in zip(snmp[::2], snmp[1::2]):
+        name = head.split(":")[0]
+        table[name] = dict(zip(head.split()[1:], map(int, values.split()[1:])))
+    backlog = sum(int(line.split()[1], 16)
+                  for line in Path("/proc/net/softnet_stat").read_text().splitlines())
+    return table["Udp"]["RcvbufErrors"], table["Ip"]["ReasmFails"], backlog
+
+
 def host_pid(cam, nspid):
     for p in cam.processes():
         if p.pid == nspid:
@@ -67,21 +81,26 @@ def send(lan, stream, path, session, port, rate):
 
 
 def daemon_run(lan, cam, pid, stream, data, path, rate):
-    """Announce, stream, wait for '5' or '6'; (sent, lost, cpu seconds, send time)."""
+    """Announce, stream, wait for '5' or '6'; (sent, lost, cpu seconds, send time,
+    whether the camera answered)."""
     with rig.Transfer(lan, [cam], data, name="bench.img", mode=1) as t:
         t.announce()
         assert t.ack(cam, timeout=30) == "0"
-        before = cpu_seconds(pid)
+        before, counted = cpu_seconds(pid), drops(cam)
         sent, secs = send(lan, stream, path, t.session, rig.BATCH_GROUP[1], rate)
         got = t.rx.collect(timeout=15, count=1, match=b"REPLYU DO", from_ip=cam.ip)
         cpu = cpu_seconds(pid) - before
+        where = [b - a for a, b in zip(counted, drops(cam))]
+        if any(where):
+            print(f"  (daemon at {rate or 'unpaced'}: receive buffer {where[0]}, "
+                  f"reassembly {where[1]}, backlog {where[2]})", flush=True)
     if got and got[0].fields().get("Ack") == "5":
-        return sent, 0, cpu, secs
+        return sent, 0, cpu, secs, True
     # The md5 tells that something is missing; the stored file how much.
     stored = cam.path("/dev/bench.img")
     size = stored.stat().st_size if stored.exists() else 0
     lost = max(1, round((len(data) - size) / PACKET))
-    return sent, lost, cpu, secs
+    return sent, lost, cpu, secs, bool(got)
 
 
 def sink_run(lan, cam, stream, path, rate):
@@ -91,9 +110,14 @@ def sink_run(lan, cam, stream, path, rate):
                          stdout=subprocess.PIPE, text=True)
     try:
         assert p.stdout.readline().strip() == "ready"
+        counted = drops(cam)
         sent, _secs = send(lan, stream, path, "s" * 32, SINK_PORT, rate)
         line = p.stdout.readline().split()
         p.wait(10)
+        where = [b - a for a, b in zip(counted, drops(cam))]
+        if any(where):
+            print(f"  (sink at {rate or 'unpaced'}: receive buffer {where[0]}, "
+                  f"reassembly {where[1]}, backlog {where[2]})", flush=True)
     finally:
         if p.poll() is None:
             p.kill()
@@ -138,9 +162,15 @@ def main():
 
         for _ in range(args.runs):
             for rate in RATES:
-                sent, d_lost, d_cpu, secs = daemon_run(lan, cam, pid, args.stream, data, path,
-                                                       rate)
+                sent, d_lost, d_cpu, secs, answered = daemon_run(lan, cam, pid, args.stream,
+                                                                 data, path, rate)
                 cam.path("/dev/bench.img").unlink(missing_ok=True)
+                if not answered:
+                    # The 'o' packet was lost: that transfer stays open (a new
+                    # announcement would be answered '9') until a restart.
+                    cam.restart()
+                    rig.wait_ready(lan, [cam])
+                    pid = host_pid(cam, cam.daemon_pid)
                 s_sent, s_lost, s_cpu = sink_run(lan, cam, args.stream, path, rate)
                 achieved = sent * 5120 * 8 / secs / 1e6
                 label = f"{rate} Mbit/s" if rate else f"unpaced ({achieved:.0f})"

@@ -26,10 +26,10 @@
 namespace {
 
 constexpr int kPollMs = 50;
-// Room for a burst of transfer packets while the handler writes: 1 MiB
-// (the kernel doubles it) holds some 400 full datagrams, 160 ms at the
-// camera's line rate. The default holds about 40.
-constexpr int kRecvBufferBytes = 1 << 20;
+// Room for the transfer packets that arrive while the listener is not
+// scheduled: 2 MiB (the kernel doubles it) holds some 800 full datagrams,
+// a third of a second at the camera's line rate. The default holds 40.
+constexpr int kRecvBufferBytes = 2 << 20;
 constexpr uint64_t kSwitchOffUs = 100000;
 constexpr uint64_t kIdleUs = 50000;
 

@@ -212,18 +212,20 @@ void set_device_type_code(const char* code) {
   copy_text(g_type_code, sizeof(g_type_code), code, kTypeCodeLen - 1);
 }
 
+const char* type_code_of_model(const char* model) {
+  const char* dot = strchr(model, '.');
+  if (dot == nullptr) return nullptr;
+  const char* kind = dot + 1;
+  return strcmp(kind, "T") == 0 || strcmp(kind, "T2") == 0 ? kTypeCodeHkw7 : kTypeCodeDkw7;
+}
+
 int init_search_mira_server() {
   DBG_ERR("enter\n");
   char version[32], model[32];
   refresh_version(version, model);
   DBG_INFO("soc_version_info: %s\n", version);
   DBG_INFO("soc_device_type_info: %s, len: %d\n", model, static_cast<int>(strlen(model)));
-  // The model names its kind after the first '.': "K1.T" is a T camera.
-  if (const char* dot = strchr(model, '.')) {
-    const char* kind = dot + 1;
-    bool t = strcmp(kind, "T") == 0 || strcmp(kind, "T2") == 0;
-    set_device_type_code(t ? kTypeCodeHkw7 : kTypeCodeDkw7);
-  }
+  if (const char* code = type_code_of_model(model)) set_device_type_code(code);
   char code[kTypeCodeLen];
   get_device_type_code(code);
   DBG_INFO("device_type_info: %s\n", code);

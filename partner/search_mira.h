@@ -42,6 +42,9 @@ inline constexpr uint64_t kMiraPauseUs = 300000;
 // Handles one request of `length` bytes.
 void mcast_receive_mira(size_t length, const uint8_t* datagram);
 
+// The type code a device model names after its first '.' ("K1.T" and
+// "K1.T2" are HKW7, anything else DKW7); nullptr without a '.'.
+const char* type_code_of_model(const char* model);
 // Refreshes the type code from the device-type file; 0, or -1 when the file
 // gave nothing (the code is then unchanged).
 int get_device_type_info();

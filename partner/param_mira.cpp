@@ -166,8 +166,8 @@ void param_receive_mira(int sock, const struct sockaddr_in& requester, const uin
   }
 
   // A set is always followed by a fresh reading.
-  wp::track_reply r;
-  r.device_id = dev;
+  wp::track_frame r;
+  r.serial = dev;
   DBG_INFO("uuid: %s\n", dev);
   r.operation = op;
   r.sensitivity = get_tracking_sensitivity(type);

@@ -126,11 +126,9 @@ void handle_query(const uint8_t* datagram, size_t length) {
   r.device_id = *serial;
   r.connection_type = ni.dhcp == 1 ? wp::kConnDhcp : wp::kConnStatic;
   r.dhcp = ni.dhcp == 1 ? 1 : 0;
-  r.ip = addr_of(ni.ipaddr);
-  r.netmask = addr_of(ni.netmask);
-  r.gateway = addr_of(ni.gateway);
-  r.dns = addr_of(ni.fdns);
-  r.dns2 = r.dns;  // the primary again in the secondary's place
+  uint32_t dns = addr_of(ni.fdns);
+  // The primary DNS again in the secondary's place.
+  r.addr = {addr_of(ni.ipaddr), addr_of(ni.netmask), addr_of(ni.gateway), dns, dns};
   send_net_reply(r);
 }
 
@@ -152,9 +150,10 @@ void handle_set(const uint8_t* datagram, size_t length) {
     RX_ERR("unknown connection type, settings left as they are\n");
     return;
   }
-  std::string ip = wp::ipv4_text(req->ip), mask = wp::ipv4_text(req->netmask),
-              gw = wp::ipv4_text(req->gateway), dns = wp::ipv4_text(req->dns),
-              dns2 = wp::ipv4_text(req->dns2);
+  const wp::net_addresses& a = req->addr;
+  std::string ip = wp::ipv4_text(a.ip), mask = wp::ipv4_text(a.netmask),
+              gw = wp::ipv4_text(a.gateway), dns = wp::ipv4_text(a.dns),
+              dns2 = wp::ipv4_text(a.dns2);
   RX_INFO("ConnectionType: 0x%x\n", req->connection_type);
   RX_INFO("UseDnsValue: %d\n", static_cast<int>(req->use_dns));
   RX_INFO("IPAddress: %s\n", ip.c_str());
@@ -170,11 +169,8 @@ void handle_set(const uint8_t* datagram, size_t length) {
   r.device_id = req->serial;
   r.connection_type = req->connection_type;
   r.dhcp = static_cast<uint32_t>(dhcp);
-  r.ip = req->ip;
-  r.netmask = req->netmask;
-  r.gateway = req->gateway;
-  r.dns = req->dns;
-  r.dns2 = req->dns;
+  r.addr = a;
+  r.addr.dns2 = a.dns;
   send_net_reply(r);
 
   net_info_t now;

@@ -56,6 +56,30 @@ bool holds(const uint8_t* buf, size_t len, uint8_t command, size_t need) {
   return buf != nullptr && len >= need && buf[1] == command;
 }
 
+void put_addresses(uint8_t* p, const net_addresses& a) {
+  const uint32_t v[5] = {a.ip, a.netmask, a.gateway, a.dns, a.dns2};
+  for (int i = 0; i < 5; ++i) put_be32(p + 4 * i, v[i]);
+}
+
+net_addresses get_addresses(const uint8_t* p) {
+  return net_addresses{get_be32(p), get_be32(p + 4), get_be32(p + 8), get_be32(p + 12),
+                       get_be32(p + 16)};
+}
+
+void put_track(uint8_t* p, const track_frame& r) {
+  put_text(p + 16, r.serial);
+  put_le32(p + 48, r.operation);
+  put_be32(p + 52, static_cast<uint32_t>(r.sensitivity));
+}
+
+track_frame get_track(const uint8_t* buf, size_t len) {
+  track_frame r;
+  r.serial = get_text(buf + 16);
+  r.operation = get_le32(buf + 48);
+  if (len >= kTrackSetLen) r.sensitivity = static_cast<int32_t>(get_be32(buf + 52));
+  return r;
+}
+
 int hex_digit(char c) {
   if (c >= '0' && c <= '9') return c - '0';
   if (c >= 'a' && c <= 'f') return c - 'a' + 10;
@@ -174,11 +198,7 @@ std::array<uint8_t, kNetSetLen> encode_net_set(const net_set_request& r) {
   put_text(p + 16, r.serial);
   p[48] = r.connection_type;
   put_be32(p + 52, r.use_dns);
-  put_be32(p + 56, r.ip);
-  put_be32(p + 60, r.netmask);
-  put_be32(p + 64, r.gateway);
-  put_be32(p + 68, r.dns);
-  put_be32(p + 72, r.dns2);
+  put_addresses(p + 56, r.addr);
   put_be32(p + 76, r.pppoe_enable);
   put_text(p + 80, r.pppoe_user);
   put_text(p + 112, r.pppoe_password);
@@ -191,11 +211,7 @@ std::optional<net_set_request> decode_net_set(const uint8_t* buf, size_t len) {
   r.serial = get_text(buf + 16);
   r.connection_type = buf[48];  // the other three bytes of the field do not count
   r.use_dns = get_be32(buf + 52);
-  r.ip = get_be32(buf + 56);
-  r.netmask = get_be32(buf + 60);
-  r.gateway = get_be32(buf + 64);
-  r.dns = get_be32(buf + 68);
-  r.dns2 = get_be32(buf + 72);
+  r.addr = get_addresses(buf + 56);
   r.pppoe_enable = get_be32(buf + 76);
   r.pppoe_user = get_text(buf + 80);
   r.pppoe_password = get_text(buf + 112);
@@ -209,11 +225,7 @@ std::array<uint8_t, kNetReplyLen> encode_net_reply(const net_reply& r) {
   p[54] = 1;
   p[60] = r.connection_type;
   put_be32(p + 64, r.dhcp);
-  put_be32(p + 68, r.ip);
-  put_be32(p + 72, r.netmask);
-  put_be32(p + 76, r.gateway);
-  put_be32(p + 80, r.dns);
-  put_be32(p + 84, r.dns2);
+  put_addresses(p + 68, r.addr);
   return out;
 }
 
@@ -223,50 +235,32 @@ std::optional<net_reply> decode_net_reply(const uint8_t* buf, size_t len) {
   r.device_id = get_text(buf + 16);
   r.connection_type = buf[60];
   r.dhcp = get_be32(buf + 64);
-  r.ip = get_be32(buf + 68);
-  r.netmask = get_be32(buf + 72);
-  r.gateway = get_be32(buf + 76);
-  r.dns = get_be32(buf + 80);
-  r.dns2 = get_be32(buf + 84);
+  r.addr = get_addresses(buf + 68);
   return r;
 }
 
 // ---- tracking sensitivity ---------------------------------------------------------
 
-std::array<uint8_t, kTrackSetLen> encode_track_request(const track_request& r) {
+std::array<uint8_t, kTrackSetLen> encode_track_request(const track_frame& r) {
   auto out = frame<kTrackSetLen>(kRequestGroupCode, CMD_CTRL_TRACK_SENSITIVITY);
-  uint8_t* p = out.data();
-  put_text(p + 16, r.serial);
-  put_le32(p + 48, r.operation);
-  put_be32(p + 52, static_cast<uint32_t>(r.sensitivity));
+  put_track(out.data(), r);
   return out;
 }
 
-std::optional<track_request> decode_track_request(const uint8_t* buf, size_t len) {
+std::optional<track_frame> decode_track_request(const uint8_t* buf, size_t len) {
   if (!holds(buf, len, CMD_CTRL_TRACK_SENSITIVITY, kTrackGetLen)) return std::nullopt;
-  track_request r;
-  r.serial = get_text(buf + 16);
-  r.operation = get_le32(buf + 48);
-  if (len >= kTrackSetLen) r.sensitivity = static_cast<int32_t>(get_be32(buf + 52));
-  return r;
+  return get_track(buf, len);
 }
 
-std::array<uint8_t, kTrackReplyLen> encode_track_reply(const track_reply& r) {
+std::array<uint8_t, kTrackReplyLen> encode_track_reply(const track_frame& r) {
   auto out = frame<kTrackReplyLen>(kReplyGroupCode, REPLY_TRACK_SENSITIVITY);
-  uint8_t* p = out.data();
-  put_text(p + 16, r.device_id);
-  put_le32(p + 48, r.operation);
-  put_be32(p + 52, static_cast<uint32_t>(r.sensitivity));
+  put_track(out.data(), r);
   return out;
 }
 
-std::optional<track_reply> decode_track_reply(const uint8_t* buf, size_t len) {
+std::optional<track_frame> decode_track_reply(const uint8_t* buf, size_t len) {
   if (!holds(buf, len, REPLY_TRACK_SENSITIVITY, kTrackReplyLen)) return std::nullopt;
-  track_reply r;
-  r.device_id = get_text(buf + 16);
-  r.operation = get_le32(buf + 48);
-  r.sensitivity = static_cast<int32_t>(get_be32(buf + 52));
-  return r;
+  return get_track(buf, len);
 }
 
 }  // namespace wire::partner

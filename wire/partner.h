@@ -104,13 +104,18 @@ std::array<uint8_t, kNetQueryLen> encode_net_query(std::string_view serial);
 // The serial of a whole query frame; nothing when the body is short.
 std::optional<std::string> decode_net_query(const uint8_t* buf, size_t len);
 
+// The five addresses both network frames carry back to back, 4 bytes each.
+struct net_addresses {
+  uint32_t ip = 0, netmask = 0, gateway = 0, dns = 0, dns2 = 0;
+};
+
 // Body from offset 16: serial, connection type, use-DNS flag, address, mask,
 // gateway, primary and secondary DNS, PPPoE flag, user and password.
 struct net_set_request {
   std::string serial;
   uint8_t connection_type = kConnStatic;
   uint32_t use_dns = 0;
-  uint32_t ip = 0, netmask = 0, gateway = 0, dns = 0, dns2 = 0;
+  net_addresses addr;  // at 56
   uint32_t pppoe_enable = 0;
   std::string pppoe_user, pppoe_password;
 };
@@ -124,31 +129,26 @@ struct net_reply {
   std::string device_id;
   uint8_t connection_type = kConnStatic;
   uint32_t dhcp = 0;
-  uint32_t ip = 0, netmask = 0, gateway = 0, dns = 0, dns2 = 0;
+  net_addresses addr;  // at 68
 };
 std::array<uint8_t, kNetReplyLen> encode_net_reply(const net_reply& r);
 std::optional<net_reply> decode_net_reply(const uint8_t* buf, size_t len);
 
 // ---- tracking sensitivity (port kParamPort) ----------------------------------
 
-// Offsets: 16 serial, 48 operation (little-endian), 52 sensitivity (0..15).
-struct track_request {
+// Request (0x61) and reply (0xE1) share one layout: 16 serial or device ID,
+// 48 operation (little-endian), 52 sensitivity (0..15; in a reply the
+// current value).
+struct track_frame {
   std::string serial;
   uint32_t operation = kTrackGet;
   int32_t sensitivity = 0;
 };
-std::array<uint8_t, kTrackSetLen> encode_track_request(const track_request& r);
+std::array<uint8_t, kTrackSetLen> encode_track_request(const track_frame& r);
 // Needs kTrackGetLen bytes; the sensitivity is read when the frame holds it
 // (0 otherwise).
-std::optional<track_request> decode_track_request(const uint8_t* buf, size_t len);
-
-// Offsets: 16 ID, 48 operation (little-endian), 52 current sensitivity.
-struct track_reply {
-  std::string device_id;
-  uint32_t operation = kTrackGet;
-  int32_t sensitivity = 0;
-};
-std::array<uint8_t, kTrackReplyLen> encode_track_reply(const track_reply& r);
-std::optional<track_reply> decode_track_reply(const uint8_t* buf, size_t len);
+std::optional<track_frame> decode_track_request(const uint8_t* buf, size_t len);
+std::array<uint8_t, kTrackReplyLen> encode_track_reply(const track_frame& r);
+std::optional<track_frame> decode_track_reply(const uint8_t* buf, size_t len);
 
 }  // namespace wire::partner

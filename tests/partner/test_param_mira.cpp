@@ -26,7 +26,7 @@ struct Relay : PartnerCamera {
     param_receive_mira(sock, tool_addr, f.data(), len);
   }
   // The reply is sent before param_receive_mira returns.
-  std::optional<wp::track_reply> reply() {
+  std::optional<wp::track_frame> reply() {
     auto r = recv_text(tool, 0);
     if (!r) return std::nullopt;
     EXPECT_EQ(r->size(), wp::kTrackReplyLen);
@@ -70,7 +70,7 @@ TEST_F(Relay, GetAnswersTheRequester) {
   request(wp::kTrackGet, 0, wp::kTrackGetLen);
   auto r = reply();
   ASSERT_TRUE(r);
-  EXPECT_EQ(r->device_id, kDevId);
+  EXPECT_EQ(r->serial, kDevId);
   EXPECT_EQ(r->operation, wp::kTrackGet);
   EXPECT_EQ(r->sensitivity, 7);
   EXPECT_EQ(net.exchanges.size(), 1u);

@@ -92,19 +92,15 @@ TEST_F(Search, QueryAnswersOnlyAWholeFrameWithItsSerial) {
   auto r = wp::decode_net_reply(net.sent[1].payload.data(), net.sent[1].payload.size());
   ASSERT_TRUE(r);
   EXPECT_EQ(r->connection_type, wp::kConnStatic);
-  EXPECT_EQ(wp::ipv4_text(r->gateway), "192.168.77.1");
-  EXPECT_EQ(r->dns2, r->dns);
+  EXPECT_EQ(wp::ipv4_text(r->addr.gateway), "192.168.77.1");
+  EXPECT_EQ(r->addr.dns2, r->addr.dns);
 }
 
 wp::net_set_request dhcp_set(const std::string& serial) {
   wp::net_set_request s;
   s.serial = serial;
   s.connection_type = wp::kConnDhcp;
-  s.ip = 0x0A000009;
-  s.netmask = 0xFF000000;
-  s.gateway = 0x0A000001;
-  s.dns = 0x09090909;
-  s.dns2 = 0x01010101;
+  s.addr = {0x0A000009, 0xFF000000, 0x0A000001, 0x09090909, 0x01010101};
   return s;
 }
 
@@ -115,8 +111,8 @@ TEST_F(Search, SetRewritesNetConfAnswersAndReboots) {
   ASSERT_TRUE(r);
   EXPECT_EQ(r->connection_type, wp::kConnDhcp);
   EXPECT_EQ(r->dhcp, 1u);
-  EXPECT_EQ(r->ip, 0x0A000009u);
-  EXPECT_EQ(r->dns2, 0x09090909u);  // the primary DNS in both places
+  EXPECT_EQ(r->addr.ip, 0x0A000009u);
+  EXPECT_EQ(r->addr.dns2, 0x09090909u);  // the primary DNS in both places
 
   EXPECT_EQ(cam.read("/data/net.conf"),
             "dhcp=1\nipaddr=10.0.0.9\nnetmask=255.0.0.0\ngateway=10.0.0.1\nfdns=9.9.9.9\n"

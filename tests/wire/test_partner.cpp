@@ -54,11 +54,7 @@ TEST(WirePartner, NetReplyLayoutWithItsFixedBytes) {
   r.device_id = kId;
   r.connection_type = wp::kConnDhcp;
   r.dhcp = 1;
-  r.ip = 0x0A000002;
-  r.netmask = 0xFFFFFF00;
-  r.gateway = 0x0A000001;
-  r.dns = 0x08080808;
-  r.dns2 = 0x01010101;
+  r.addr = {0x0A000002, 0xFFFFFF00, 0x0A000001, 0x08080808, 0x01010101};
   auto f = wp::encode_net_reply(r);
   const uint8_t* p = f.data();
   EXPECT_EQ(bytes(p, 0, 6), (B{0x80, 0x81, 0, 0, 0, 156}));
@@ -70,7 +66,7 @@ TEST(WirePartner, NetReplyLayoutWithItsFixedBytes) {
   auto back = wp::decode_net_reply(p, f.size());
   ASSERT_TRUE(back);
   EXPECT_EQ(back->connection_type, wp::kConnDhcp);
-  EXPECT_EQ(back->dns2, 0x01010101u);
+  EXPECT_EQ(back->addr.dns2, 0x01010101u);
 }
 
 TEST(WirePartner, NetSetBodyAndShortFrames) {
@@ -78,11 +74,7 @@ TEST(WirePartner, NetSetBodyAndShortFrames) {
   r.serial = kId;
   r.connection_type = wp::kConnStatic;
   r.use_dns = 1;
-  r.ip = 0xC0A80105;
-  r.netmask = 0xFFFF0000;
-  r.gateway = 0xC0A80101;
-  r.dns = 0x01020304;
-  r.dns2 = 0x05060708;
+  r.addr = {0xC0A80105, 0xFFFF0000, 0xC0A80101, 0x01020304, 0x05060708};
   r.pppoe_user = "user";
   auto f = wp::encode_net_set(r);
   ASSERT_EQ(f.size(), 144u);
@@ -97,8 +89,8 @@ TEST(WirePartner, NetSetBodyAndShortFrames) {
   auto back = wp::decode_net_set(f.data(), f.size());
   ASSERT_TRUE(back);
   EXPECT_EQ(back->connection_type, wp::kConnStatic);
-  EXPECT_EQ(back->ip, r.ip);
-  EXPECT_EQ(back->dns2, r.dns2);
+  EXPECT_EQ(back->addr.ip, r.addr.ip);
+  EXPECT_EQ(back->addr.dns2, r.addr.dns2);
   EXPECT_EQ(back->pppoe_user, "user");
 
   EXPECT_FALSE(wp::decode_net_set(f.data(), 143));

@@ -37,6 +37,7 @@ from rigbase import (  # noqa: F401  (re-exported)
     outside_namespaces, parent_of, pid_alive, run, shell_quote, wait_until)
 from session import (  # noqa: F401  (re-exported)
     Session, leftovers, shared_libraries, sweep_stale)
+from tracking import TRACKING_PORT, TrackingService  # noqa: F401  (re-exported)
 from transfer import (  # noqa: F401  (re-exported)
     STATUS_GROUP, Transfer, confirmation, packet, packets, wait_ready)
 

@@ -68,7 +68,7 @@ constexpr double kDownGap = 2.0;
 // A camera still answering this long after a terminal acknowledgement did
 // not reboot (a camera started in debug mode keeps running after a bad md5).
 constexpr double kRebootGrace = 15.0;
-constexpr double kAnnounceResend = 5.0;
+constexpr double kAnnounceResend = 10.0;
 
 std::string seconds_text(double s) {
   char buf[32];
@@ -224,6 +224,8 @@ class upgrade_run {
       err_ << "  " << c->id << ": " << ack_words(a->code) << " (" << a->code << ")\n";
       switch (a->code) {
         case wire::ACK_READY:
+          c->ready = a->code;
+          break;
         case wire::ACK_NO_SPACE:
         case wire::ACK_BUSY:
           if (c->ready == 0) c->ready = a->code;

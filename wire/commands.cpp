@@ -23,7 +23,8 @@ std::optional<unsigned> ipv4_value(std::string_view text) {
     unsigned n = 0;
     while (pos < text.size() && text[pos] >= '0' && text[pos] <= '9' && pos - start < 3)
       n = n * 10 + static_cast<unsigned>(text[pos++] - '0');
-    if (pos == start || n > 255) return std::nullopt;
+    // A leading zero reads as octal to inet_aton on the camera: refused.
+    if (pos == start || n > 255 || (text[start] == '0' && pos - start > 1)) return std::nullopt;
     value = (value << 8) | n;
   }
   if (pos != text.size()) return std::nullopt;

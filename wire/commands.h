@@ -50,7 +50,8 @@ inline constexpr size_t kSerialMax = 63;  // the serial record holds 64 bytes wi
 std::string lumconfig_request(std::string_view device_id, std::string_view client_id,
                               std::string_view serial, std::string_view mac);
 
-// Four decimal numbers 0..255 split by dots, nothing before or after.
+// Four decimal numbers 0..255 split by dots, no leading zeros, nothing
+// before or after.
 bool is_ipv4(std::string_view text);
 // An IPv4 address whose one bits are contiguous from the top (0.0.0.0 is not a mask).
 bool is_netmask(std::string_view text);

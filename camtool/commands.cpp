@@ -1,5 +1,6 @@
 #include "camtool/commands.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <nlohmann/json.hpp>
 
@@ -20,7 +21,7 @@ std::string camera_name(const wire::camera_record& c) {
 
 [[noreturn]] void no_reply(const wire::camera_record& c, const char* what, double timeout) {
   throw tool_error("no " + std::string(what) + " from " + camera_name(c) + " within " +
-                       clock_text(timeout),
+                       seconds_text(timeout),
                    kExitFailed);
 }
 
@@ -148,12 +149,12 @@ int cmd_reboot(command_context& ctx, const std::string& who, bool wait) {
       return false;
     });
     if (between(last, net.now()) >= silent) {
-      ctx.out << camera_name(c) << ": rebooting (silent since " << clock_text(between(sent, last))
+      ctx.out << camera_name(c) << ": rebooting (silent since " << seconds_text(between(sent, last))
               << " after the command)\n";
       return 0;
     }
   }
-  throw tool_error(camera_name(c) + " still answers " + clock_text(ctx.timeout) +
+  throw tool_error(camera_name(c) + " still answers " + seconds_text(ctx.timeout) +
                        " after the reboot command",
                    kExitFailed);
 }
@@ -212,6 +213,27 @@ int cmd_board_test(command_context& ctx, const std::string& who, wire::board_tes
   return passed ? 0 : kExitFailed;
 }
 
+std::map<std::string, query_answer> query_cameras(transport& net, const std::string& client_id,
+                                                  const std::vector<std::string>& ids, double timeout) {
+  std::map<std::string, query_answer> got;
+  time_point end = after(net.now(), timeout);
+  while (got.size() < ids.size() && net.now() < end && !interrupted()) {
+    std::vector<std::string> ask;
+    for (const auto& id : ids)
+      if (!got.count(id)) ask.push_back(id);
+    // Asked again each second, only the cameras that have not answered.
+    exchange(net, channel::batch, wire::query_request(ask, client_id),
+             std::min(1.0, between(net.now(), end)), 0, [&](const datagram& d) {
+               auto r = wire::parse_id_reply(wire::kReplyQuery, d.data);
+               if (r && r->client_id == client_id &&
+                   std::find(ids.begin(), ids.end(), r->device_id) != ids.end())
+                 got[r->device_id] = {field(*r, "Version"), wire::parse_mtd_info(field(*r, "MtdInfo"))};
+               return got.size() == ids.size();
+             });
+  }
+  return got;
+}
+
 int cmd_query(command_context& ctx, const std::vector<std::string>& who) {
   for (const std::string& w : who) check_camera_argument(w);
   transport& net = ctx.lan();
@@ -225,32 +247,19 @@ int cmd_query(command_context& ctx, const std::vector<std::string>& who) {
       cams.push_back(resolve(net, ctx.client_id, w, ctx.search_wait));
     }
   }
-  std::map<std::string, wire::id_reply> got;
-  time_point end = after(net.now(), ctx.timeout);
-  while (got.size() < cams.size() && net.now() < end && !interrupted()) {
-    std::vector<std::string> ask;
-    for (const auto& c : cams)
-      if (!got.count(c.device_id)) ask.push_back(c.device_id);
-    exchange(net, channel::batch, wire::query_request(ask, ctx.client_id),
-             std::min(1.0, between(net.now(), end)), 0, [&](const datagram& d) {
-               auto r = wire::parse_id_reply(wire::kReplyQuery, d.data);
-               if (r && r->client_id == ctx.client_id) {
-                 for (const auto& c : cams)
-                   if (c.device_id == r->device_id) got[c.device_id] = *r;
-               }
-               return got.size() == cams.size();
-             });
-  }
+  std::vector<std::string> ids;
+  for (const auto& c : cams) ids.push_back(c.device_id);
+  std::map<std::string, query_answer> got = query_cameras(net, ctx.client_id, ids, ctx.timeout);
   int status = 0;
   for (const auto& c : cams) {
     auto it = got.find(c.device_id);
     if (it == got.end()) {
       ctx.err << "camtool: no query reply from " << camera_name(c) << " within "
-              << clock_text(ctx.timeout) << "\n";
+              << seconds_text(ctx.timeout) << "\n";
       status = kExitFailed;
       continue;
     }
-    auto parts = wire::parse_mtd_info(field(it->second, "MtdInfo"));
+    const auto& parts = it->second.partitions;
     json jparts = json::array();
     std::vector<std::vector<std::string>> rows;
     for (size_t i = 0; i < parts.size(); ++i) {
@@ -265,12 +274,12 @@ int cmd_query(command_context& ctx, const std::vector<std::string>& who) {
                       human_bytes(parts[i].erasesize), mode_text});
     }
     if (ctx.json) {
-      ctx.out << json{{"device_id", c.device_id}, {"version", field(it->second, "Version")},
+      ctx.out << json{{"device_id", c.device_id}, {"version", it->second.version},
                       {"partitions", jparts}}
                      .dump()
               << "\n";
     } else {
-      ctx.out << c.device_id << "  firmware " << field(it->second, "Version") << "\n";
+      ctx.out << c.device_id << "  firmware " << it->second.version << "\n";
       print_table(ctx.out, {"DEV", "NAME", "SIZE", "ERASE", "UPGRADE MODE"}, rows);
     }
   }

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <functional>
+#include <map>
 #include <optional>
 #include <ostream>
 #include <string>
@@ -42,6 +43,15 @@ int cmd_query(command_context& ctx, const std::vector<std::string>& who);
 int cmd_production(command_context& ctx, const std::string& who);
 int cmd_lumconfig(command_context& ctx, const std::string& who, const std::optional<std::string>& serial,
                   const std::optional<std::string>& mac);
+
+// The firmware query, asked of many cameras in one batch command and again
+// of those that have not answered; by device ID.
+struct query_answer {
+  std::string version;
+  std::vector<wire::partition> partitions;
+};
+std::map<std::string, query_answer> query_cameras(transport& net, const std::string& client_id,
+                                                  const std::vector<std::string>& ids, double timeout);
 
 // Waits for the first datagram `match` accepts, sending `request` first and
 // again every `resend` seconds (0: once).

@@ -45,7 +45,7 @@ wire::camera_record resolve(transport& net, const std::string& client_id, const 
   });
   for (const auto& [id, c] : found)
     if (match(c)) return c;
-  throw tool_error("no camera " + who + " answered a search within " + clock_text(wait) +
+  throw tool_error("no camera " + who + " answered a search within " + seconds_text(wait) +
                        " (" + std::to_string(found.size()) + " other camera(s) did)",
                    kExitFailed);
 }

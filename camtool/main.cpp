@@ -3,6 +3,7 @@
 
 #include <CLI/CLI.hpp>
 #include <iostream>
+#include <map>
 
 #include "camtool/commands.h"
 #include "camtool/finder.h"
@@ -22,8 +23,7 @@ const char* kFooter =
 struct settings {
   std::string iface;
   bool json = false;
-  double timeout = 0;
-  double wait = 2.0;
+  std::map<std::string, double> timeout;  // by command
 };
 
 lazy_lan::opener lan_opener(const settings& s, std::vector<channel> channels) {
@@ -39,8 +39,9 @@ CLI::App* with_json(CLI::App* cmd, settings& s) {
 }
 
 CLI::App* with_timeout(CLI::App* cmd, settings& s, double seconds) {
-  s.timeout = seconds;
-  cmd->add_option("--timeout", s.timeout, "seconds to wait for the reply")
+  double& t = s.timeout[cmd->get_name()];
+  t = seconds;
+  cmd->add_option("--timeout", t, "seconds to wait for the reply")
       ->capture_default_str()
       ->check(CLI::PositiveNumber);
   return cmd;
@@ -183,7 +184,10 @@ int main(int argc, char** argv) {
       return run_status(lan(), client_id, st, std::cout);
     }
     lazy_lan lan(lan_opener(s, {channel::search, channel::batch}));
-    command_context ctx{lan, client_id, std::cout, std::cerr, s.json, s.timeout, 3.0};
+    double timeout = 3.0;
+    for (const auto& [name, t] : s.timeout)
+      if (app.got_subcommand(name)) timeout = t;
+    command_context ctx{lan, client_id, std::cout, std::cerr, s.json, timeout, 3.0};
     if (confignet->parsed()) return cmd_confignet(ctx, who, cf);
     if (reboot->parsed()) return cmd_reboot(ctx, who, !no_wait);
     if (flicker->parsed()) return cmd_flicker(ctx, who, led);

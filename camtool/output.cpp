@@ -49,6 +49,12 @@ std::string clock_text(double s) {
   return buf;
 }
 
+std::string seconds_text(double s) {
+  char buf[32];
+  snprintf(buf, sizeof(buf), s < 100 ? "%.3g s" : "%.0f s", s);
+  return buf;
+}
+
 std::string uptime_text(uint64_t s) {
   char buf[48];
   unsigned long long d = s / 86400, h = s / 3600 % 24, m = s / 60 % 60, sec = s % 60;

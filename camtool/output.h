@@ -14,6 +14,7 @@ void print_table(std::ostream& out, const std::vector<std::string>& head,
 
 std::string human_bytes(uint64_t bytes);  // "812 B", "4.0 KiB", "12.3 MiB"
 std::string clock_text(double s);         // "0:07", "12:03", "1:02:03"
+std::string seconds_text(double s);       // "0.17 s", "3 s", "12.5 s"
 std::string uptime_text(uint64_t s);      // "0:07:03", "3d 04:05:06"
 
 // "[#########-----------]  45%  12.3/27.4 MiB  49.8 Mbit/s  0:03 left"

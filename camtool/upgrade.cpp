@@ -12,6 +12,7 @@
 #include <map>
 #include <nlohmann/json.hpp>
 
+#include "camtool/commands.h"
 #include "camtool/finder.h"
 #include "camtool/output.h"
 #include "wire/commands.h"
@@ -70,12 +71,6 @@ constexpr double kDownGap = 2.0;
 constexpr double kRebootGrace = 15.0;
 constexpr double kAnnounceResend = 10.0;
 
-std::string seconds_text(double s) {
-  char buf[32];
-  snprintf(buf, sizeof(buf), "%.2f s", s);
-  return s < 60 ? std::string(buf) : clock_text(s);
-}
-
 const char* ack_words(char code) {
   switch (code) {
     case wire::ACK_READY: return "ready";
@@ -103,6 +98,7 @@ const char* mode_words(int mode) {
 struct camera_state {
   std::string id, ip, model, version_before, version_after;
   bool found = false;  // answered the search before the upgrade
+  std::string refused;  // why the file is not for this camera
   std::vector<std::string> acks;  // per round
   // This round.
   char ready = 0, verdict = 0, result = 0;
@@ -120,6 +116,7 @@ struct camera_state {
   }
   bool ok() const { return result == wire::ACK_INSTALLED && back; }
   std::string outcome() const {
+    if (!refused.empty()) return refused;
     if (ready == 0) return "no answer to the announcement";
     if (ready == wire::ACK_NO_SPACE) return "not enough space in /dev";
     if (ready == wire::ACK_BUSY) return "busy with another upgrade";
@@ -144,8 +141,10 @@ class upgrade_run {
     err_ << "upgrade: " << o_.file_name << ", " << file_.size() << " bytes, md5 " << md5_
          << ", mode " << o_.mode << " (" << mode_words(o_.mode) << ")\n";
     find_cameras();
+    check_flash_layout();
     std::vector<camera_state*> names;
-    for (auto& c : cams_) names.push_back(&c);
+    for (auto& c : cams_)
+      if (c.refused.empty()) names.push_back(&c);
     for (int round = 1; !names.empty() && round <= 1 + o_.retries; ++round) {
       if (round > 1)
         err_ << "round " << round << ": again for " << names.size() << " camera(s) whose md5 failed\n";
@@ -195,7 +194,7 @@ class upgrade_run {
     if (o_.all) {
       for (const auto& [id, c] : found) add(id);
       if (cams_.empty())
-        throw tool_error("no camera answered a search within " + clock_text(o_.search_wait),
+        throw tool_error("no camera answered a search within " + seconds_text(o_.search_wait),
                          kExitFailed);
     }
     for (const auto& id : ids) add(id);
@@ -203,12 +202,46 @@ class upgrade_run {
       auto it = std::find_if(found.begin(), found.end(), [&](const auto& kv) { return kv.second.ip == ip; });
       if (it == found.end())
         throw tool_error("no camera at " + ip + " answered a search within " +
-                             clock_text(o_.search_wait),
+                             seconds_text(o_.search_wait),
                          kExitFailed);
       add(it->first);
     }
     for (const auto& c : cams_)
       if (!c.found) err_ << "  " << c.id << ": did not answer the search; announcing anyway\n";
+  }
+
+  // A whole-flash image must fit the flash, a partition image its
+  // partition (the camera writes what it is given); asked of each camera.
+  void check_flash_layout() {
+    if (o_.mode < wire::MODE_ALL_MTD) return;
+    std::vector<std::string> ids;
+    for (const auto& c : cams_) ids.push_back(c.id);
+    auto tables = query_cameras(net_, client_, ids, 3.0);
+    for (auto& c : cams_) {
+      auto it = tables.find(c.id);
+      if (it == tables.end()) {
+        err_ << "  " << c.id << ": no partition table (no answer to the query); announcing anyway\n";
+        continue;
+      }
+      const auto& parts = it->second.partitions;
+      uint64_t room = 0;
+      std::string what;
+      if (o_.mode == wire::MODE_ALL_MTD) {
+        for (const auto& p : parts) room += p.size;
+        what = "the flash";
+      } else if (static_cast<size_t>(o_.mode - wire::MODE_PARTITION) < parts.size()) {
+        const auto& p = parts[static_cast<size_t>(o_.mode - wire::MODE_PARTITION)];
+        room = p.size;
+        what = p.dev + " \"" + p.name + "\"";
+      } else {
+        c.refused = "no partition for mode " + std::to_string(o_.mode) + " (it has " +
+                    std::to_string(parts.size()) + ")";
+      }
+      if (c.refused.empty() && file_.size() > room)
+        c.refused = "the file is larger than " + what + " (" + human_bytes(room) + ")";
+      if (!c.refused.empty()) err_ << "  " << c.id << ": refused: " << c.refused << "\n";
+      else err_ << "  " << c.id << ": writes " << what << " (" << human_bytes(room) << ")\n";
+    }
   }
 
   // Every datagram heard in any phase goes through here.
@@ -422,7 +455,7 @@ class upgrade_run {
         }
         if (!c->settled && settled(*c, now)) {
           c->settled = true;
-          if (!c->back && c->expect_reboot) err_ << "  " << c->id << ": not back within " << clock_text(o_.back_wait) << "\n";
+          if (!c->back && c->expect_reboot) err_ << "  " << c->id << ": not back within " << seconds_text(o_.back_wait) << "\n";
         }
         all = all && c->settled;
       }

@@ -26,6 +26,7 @@ struct fake_camera {
   char ready_code = '0';      // answer to the announcement
   double ready_delay = 6.0;   // it stops its programs first
   int md5_failures = 0;       // rounds whose stored file will not match
+  std::string mtd = "mtd0: 00080000 00010000 \"boot\"\nmtd1: 00300000 00010000 \"kernel\"\n";
   // What happened to it.
   std::vector<std::string> announced_sessions;
   std::string stored;
@@ -113,6 +114,9 @@ class fake_lan : public camtool::transport {
     } else if (data.rfind("STATUS * ", 0) == 0) {
       if (data.find(c.id) != std::string::npos && data.find("Status=2") != std::string::npos)
         c.confirmed = true;
+    } else if (data.rfind("CAMERA_QU", 0) == 0 && names(data, data.find("Device ID:") + 10, c)) {
+      reply(ch, c, 0.01, "REPLYQ OK\r\nClient ID:" + field(data, "Client ID:", 32) + "\r\nDevice ID:" +
+                             c.id + "\r\nVersion:" + c.version + "\r\nMtdInfo:" + c.mtd);
     } else if (data.rfind("CAMERA_UP", 0) == 0 && ch == channel::batch) {
       size_t ids = data.find("Device ID:");
       if (ids != std::string::npos) announcement(c, data, ids + 10);
@@ -125,11 +129,16 @@ class fake_lan : public camtool::transport {
     return at == std::string::npos ? "" : data.substr(at + strlen(key), len);
   }
 
-  void announcement(fake_camera& c, const std::string& data, size_t at) {
+  // The batch form at `at`: a four-digit count, then the IDs.
+  static bool names(const std::string& data, size_t at, const fake_camera& c) {
     int count = std::stoi(data.substr(at, 4));
-    bool named = false;
-    for (int i = 0; i < count; ++i) named = named || data.substr(at + 4 + 32 * i, 32) == c.id;
-    if (!named) return;
+    for (int i = 0; i < count; ++i)
+      if (data.substr(at + 4 + 32 * static_cast<size_t>(i), 32) == c.id) return true;
+    return false;
+  }
+
+  void announcement(fake_camera& c, const std::string& data, size_t at) {
+    if (!names(data, at, c)) return;
     std::string client = field(data, "Client ID:", 32);
     if (c.busy) {
       // Announcements are handled one after the other: after the '0'.

@@ -173,6 +173,28 @@ TEST(Upgrade, SlowCameraAnsweringOurResentAnnouncementBusyStillUpgrades) {
   EXPECT_EQ(r.by_id[id_of('a')]["acks"], json::array({"057"}));
 }
 
+TEST(Upgrade, PartitionImagesMustFitTheCamerasPartition) {
+  struct {
+    int mode;
+    size_t size;
+    const char* outcome;
+  } cases[] = {
+      {6, 100, "upgraded"},
+      {7, 100, "no partition for mode 7 (it has 2)"},
+      {5, 600 * 1024, "the file is larger than mtd0 \"boot\" (512.0 KiB)"},
+      {4, 4 * 1024 * 1024, "the file is larger than the flash (3.5 MiB)"},
+  };
+  for (const auto& k : cases) {
+    fake_lan lan({cam('a')});
+    camtool::upgrade_options o = to({id_of('a')});
+    o.mode = k.mode;
+    run_result r = upgrade(lan, std::string(k.size, 'x'), o);
+    EXPECT_EQ(r.by_id[id_of('a')]["outcome"], k.outcome) << k.mode << r.log;
+    EXPECT_EQ(r.status, std::string(k.outcome) == "upgraded" ? 0 : camtool::kExitFailed);
+    EXPECT_EQ(lan.cams[0].announced_sessions.size(), std::string(k.outcome) == "upgraded" ? 1u : 0u);
+  }
+}
+
 TEST(Upgrade, RefusesWhatTheCamerasWouldRefuseBeforeSending) {
   auto refused = [](camtool::upgrade_options o, uint64_t size = 10) {
     try {

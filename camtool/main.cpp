@@ -124,7 +124,9 @@ int main(int argc, char** argv) {
                       "1 system package, 2 controller image, 3 package with controller image,\n"
                       "4 whole flash, 5-9 one partition (5 = the first; see 'query')")
       ->required();
-  auto* to = upgrade->add_option("--to", uo.to, "cameras, by device ID or address")->delimiter(',');
+  auto* to = upgrade->add_option("--to", uo.to, "cameras, by device ID or address, comma-separated")
+                 ->delimiter(',')
+                 ->allow_extra_args(false);
   upgrade->add_flag("--all", uo.all, "every camera that answers the search")->excludes(to);
   upgrade->add_option("--rate", uo.rate_mbit, "Mbit/s of the stream; 0 sends unpaced")
       ->capture_default_str()

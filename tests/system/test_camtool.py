@@ -12,6 +12,7 @@ import re
 import signal
 import subprocess
 import threading
+import time
 import zipfile
 from pathlib import Path
 
@@ -81,13 +82,18 @@ def test_search_five_cameras_as_table_json_and_watch(start_camera, lan, camtool)
 
     # --watch prints a JSON line per camera as it appears, until interrupted.
     w = camtool.start("search", "--watch", "--json")
+    guard = threading.Timer(60, w.kill)  # a hung camtool ends the read below
+    guard.start()
     seen = set()
-    while len(seen) < 5:
-        line = w.stdout.readline()
-        assert line, w.stderr.read()
-        seen.add(json.loads(line)["device_id"])
-    w.send_signal(signal.SIGINT)
-    assert w.wait(10) == 0
+    try:
+        while len(seen) < 5:
+            line = w.stdout.readline()
+            assert line, w.stderr.read()
+            seen.add(json.loads(line)["device_id"])
+        w.send_signal(signal.SIGINT)
+        assert w.wait(10) == 0
+    finally:
+        guard.cancel()
     assert seen == {c.device_id for c in cams}
 
 
@@ -194,8 +200,10 @@ def test_status_lists_and_confirms_a_report(start_camera, lan, camtool):
               "\r\nDEVICE_MODEL:K1.T\r\nStatus=1").encode()
     w = camtool.start("status", "--confirm", "--count", 1, "--wait", 60, "--json")
     confirmation = None
-    while confirmation is None and w.poll() is None:
-        s.sendto(report, ("238.255.255.251", 8004))
+    deadline = time.monotonic() + 60
+    while confirmation is None and time.monotonic() < deadline:
+        if w.poll() is None:
+            s.sendto(report, ("238.255.255.251", 8004))
         try:
             while True:
                 data, _ = s.recvfrom(2048)

@@ -105,14 +105,15 @@ struct camera_state {
   time_point verdict_at{}, ended{}, last_answer{}, back_at{};
   bool in_round = false, expect_reboot = false, went_down = false;
   bool rebooted = false, back = false, settled = false;
-  uint64_t uptime_at_end = 0;
+  uint64_t uptime = 0;  // as last heard, and when
+  time_point uptime_at{};
   bool reported = false, confirmed = false;
 
   void new_round() {
     acks.emplace_back();
     ready = verdict = result = 0;
     in_round = true;
-    expect_reboot = went_down = rebooted = back = settled = false;
+    expect_reboot = went_down = rebooted = back = settled = reported = confirmed = false;
   }
   bool ok() const { return result == wire::ACK_INSTALLED && back; }
   std::string outcome() const {
@@ -290,23 +291,30 @@ class upgrade_run {
       if (c == nullptr) return;
       c->ip = r->ip;
       c->last_answer = now;
+      // An uptime well short of what it would be without a restart.
+      bool restarted = c->uptime_at != time_point{} &&
+                       static_cast<double>(r->uptime) + 5 <
+                           static_cast<double>(c->uptime) + between(c->uptime_at, now);
+      c->uptime = r->uptime;
+      c->uptime_at = now;
       if (c->expect_reboot && !c->back && now > c->ended) {
-        if (c->went_down || r->uptime < c->uptime_at_end) {
+        if (c->went_down || restarted) {
           c->rebooted = true;
           came_back(*c, now, r->version);
         } else if (between(c->ended, now) >= kRebootGrace) {
           came_back(*c, now, r->version);  // it never went down
         }
       }
-      if (!c->expect_reboot) c->uptime_at_end = r->uptime;
     } else if (auto s = wire::parse_status_report(d.data)) {
       camera_state* c = camera(s->device_id);
       if (c == nullptr) return;
-      c->reported = true;
-      err_ << "  " << c->id << ": post-upgrade report, version " << s->version << "; confirmed\n";
+      // Confirmed whenever heard; it counts for this upgrade only after
+      // the camera's last acknowledgement.
       net_.send(channel::status, wire::status_confirmation(c->id, client_));
-      c->confirmed = true;
-      if (c->expect_reboot && !c->back) {
+      err_ << "  " << c->id << ": post-upgrade report, version " << s->version << "; confirmed\n";
+      if (!c->expect_reboot) return;
+      c->reported = c->confirmed = true;
+      if (!c->back) {
         c->rebooted = true;  // the report is sent once, at start-up
         came_back(*c, now, s->version);
       }

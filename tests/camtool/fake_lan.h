@@ -26,11 +26,15 @@ struct fake_camera {
   char ready_code = '0';      // answer to the announcement
   double ready_delay = 6.0;   // it stops its programs first
   int md5_failures = 0;       // rounds whose stored file will not match
+  double down_for = 5.0;      // seconds between its reboot and its return
+  bool reboots = true;        // false: a camera started in debug mode after a bad md5
+  bool reports = true;        // sends its post-upgrade report when back
+  bool resets_uptime = false; // false: the uptime of the host, as in a namespace camera
   std::string mtd = "mtd0: 00080000 00010000 \"boot\"\nmtd1: 00300000 00010000 \"kernel\"\n";
   // What happened to it.
   std::vector<std::string> announced_sessions;
   std::string stored;
-  int reboots = 0;
+  int reboots_seen = 0;
   bool confirmed = false;
   // Its state.
   std::string session, md5, client;
@@ -91,13 +95,15 @@ class fake_lan : public camtool::transport {
     return std::string("REPLYU DO\r\nClient ID:") + client + "\r\nDevice ID:" + c.id + "\r\nAck:" + code;
   }
 
-  // Reboot `delay` seconds from now, down for five seconds, then report.
+  // Reboot `delay` seconds from now, come back, report.
   void reboot(fake_camera& c, double delay) {
-    c.reboots++;
     c.busy = false;
+    if (!c.reboots) return;
+    c.reboots_seen++;
     c.down_from = camtool::after(now_, delay);
-    c.up_at = camtool::after(c.down_from, 5.0);
-    queue_.emplace(c.up_at, datagram{channel::status, c.ip,
+    c.up_at = camtool::after(c.down_from, c.down_for);
+    if (c.reports)
+      queue_.emplace(c.up_at, datagram{channel::status, c.ip,
                                      "STATUS * \r\nDevice ID:" + c.id + "\r\nMAC=02:00:00:00:00:01" +
                                          "\r\nVERSION:" + c.new_version + "\r\nStatus=1"});
   }
@@ -105,7 +111,8 @@ class fake_lan : public camtool::transport {
   void react(fake_camera& c, channel ch, const std::string& data) {
     if (data.rfind("SEARCH * ", 0) == 0) {
       bool back = c.up_at > time_point{} && now_ >= c.up_at;
-      uint64_t uptime = 100 + static_cast<uint64_t>(camtool::between(time_point{}, now_));
+      time_point since = back && c.resets_uptime ? c.up_at : time_point{};
+      uint64_t uptime = 100 + static_cast<uint64_t>(camtool::between(since, now_));
       reply(ch, c, 0.001,
             "REPLY OK \r\nVERSION:" + (back ? c.new_version : c.version) + "\r\nDEVICE_MODEL:K1.T" +
                 "\r\nClient ID:" + data.substr(wire::kSearchClientIdAt, 32) + "\r\nDevice ID:" + c.id +

@@ -129,7 +129,7 @@ TEST(Upgrade, AnnouncesAgainOnlyToCamerasWhoseMd5Failed) {
   EXPECT_NE(announcements[1].find("Device ID:0001" + id_of('b') + "\r\n"), std::string::npos);
   ASSERT_EQ(lan.cams[1].announced_sessions.size(), 2u);
   EXPECT_NE(lan.cams[1].announced_sessions[0], lan.cams[1].announced_sessions[1]);
-  EXPECT_EQ(lan.cams[1].reboots, 2);
+  EXPECT_EQ(lan.cams[1].reboots_seen, 2);
 
   // Without retries the camera stays failed and so does the run.
   bad.md5_failures = 1;
@@ -162,6 +162,27 @@ TEST(Upgrade, CamerasThatDoNotTakeTheFileAreReportedAndFailTheRun) {
     if (s.data.find("File md5:") != std::string::npos && s.data.find("Device ID:0001" + id_of('b')) != std::string::npos)
       ++asked_again;
   EXPECT_GE(asked_again, 1u);
+}
+
+TEST(Upgrade, HowTheToolTellsARebootFromACameraThatStayedUp) {
+  // Back too fast for a missed search and without a report: its uptime tells.
+  fake_camera quick = cam('a');
+  quick.down_for = 0.3;
+  quick.reports = false;
+  quick.resets_uptime = true;
+  // Started in debug mode: a bad md5 does not reboot it; the next round still comes.
+  fake_camera debug = cam('b');
+  debug.md5_failures = 1;
+  debug.reboots = false;
+  fake_lan lan({quick, debug});
+  run_result r = upgrade(lan, random_bytes(100), to({id_of('a'), id_of('b')}));
+  const json& a = r.by_id[id_of('a')];
+  EXPECT_TRUE(a["rebooted"] && a["back"] && a["ok"]) << a.dump() << r.log;
+  EXPECT_FALSE(a["reported"]);
+  const json& b = r.by_id[id_of('b')];
+  EXPECT_EQ(b["acks"], json::array({"06", "057"})) << r.log;
+  EXPECT_FALSE(b["rebooted"]);
+  EXPECT_NE(r.log.find(id_of('b') + ": still up, no reboot seen"), std::string::npos) << r.log;
 }
 
 TEST(Upgrade, SlowCameraAnsweringOurResentAnnouncementBusyStillUpgrades) {

@@ -68,8 +68,8 @@ std::string uptime_text(uint64_t s) {
 std::string progress_line(uint64_t done, uint64_t total, double bits_per_s, int width) {
   double part = total == 0 ? 1.0 : static_cast<double>(done) / static_cast<double>(total);
   int filled = static_cast<int>(part * width);
-  std::string bar = "[" + std::string(static_cast<size_t>(filled), '#') +
-                    std::string(static_cast<size_t>(width - filled), '-') + "]";
+  std::string bar(1, '[');
+  bar.append(static_cast<size_t>(filled), '#').append(static_cast<size_t>(width - filled), '-') += ']';
   char buf[160];
   double left = bits_per_s > 0 ? static_cast<double>(total - done) * 8 / bits_per_s : 0;
   snprintf(buf, sizeof(buf), " %3d%%  %s/%s  %.1f Mbit/s  %s left", static_cast<int>(part * 100),

@@ -22,9 +22,9 @@ constexpr size_t kListLen = 256;
 constexpr size_t kPieceListLen = 128;
 
 bool camera_file_exists(const char* path) { return access(cam_path(path).c_str(), F_OK) == 0; }
+}  // namespace
 
-// Writes every partition the image covers; returns whether the run ended quiet.
-bool write_partitions(const char* image_path, int32_t image_size) {
+bool write_image_partitions(const char* image_path, int32_t image_size) {
   daemon_state_t& st = daemon_state;
   uint32_t write_addr = 0;
   bool env_set = false;
@@ -62,7 +62,6 @@ bool write_partitions(const char* image_path, int32_t image_size) {
   if (all_done) DBG_INFO("ALL_MTD upgrade succeed\n");
   return quiet;
 }
-}  // namespace
 
 bool image_too_short(int32_t image_size) {
   // Partition 0 is the boot loader: an image that cannot fill it (an empty
@@ -139,7 +138,7 @@ void mtd_upgrade_install() {
       sys().shell("echo  > /dev/orn.log");
       sys().shell("rm -rf /dev/*.log");
 
-      quiet = write_partitions(image.c_str(), image_size);
+      quiet = write_image_partitions(image.c_str(), image_size);
 
       if (!quiet) TRACE_DATA("MTD upgrade finish, reboot\n");
       sys().sync();

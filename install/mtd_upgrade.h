@@ -18,6 +18,12 @@ int mtd_upgrade_triggered();
 // only in tests or when reboot fails).
 void mtd_upgrade_install();
 
+// Writes a whole-flash image of `image_size` bytes partition by partition,
+// in table order, every partition the image covers, and sets the
+// boot-environment flags as the run passes the boot environment and the
+// image's end. Returns whether the run ended quiet (no upgrade-log lines).
+bool write_image_partitions(const char* image_path, int32_t image_size);
+
 // True when an image of `image_size` bytes does not cover partition 0; such
 // an image is refused before anything is written.
 bool image_too_short(int32_t image_size);

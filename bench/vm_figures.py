@@ -30,6 +30,7 @@ sys.path.insert(0, str(TOP / "sim" / "ns"))
 
 import camera as rig  # noqa: E402
 import lanupgrade  # noqa: E402
+import transfer  # noqa: E402
 import vmcam  # noqa: E402
 
 BLOCK = vmcam.BLOCK
@@ -112,22 +113,21 @@ def ingest(session, lan, size):
     cam = vmcam.VirtualCamera(session, lan, name="ingest", word="DEBUG", qemu_args=ICOUNT)
     try:
         cam.start()
-        device_id = lan.search(count=1, from_ip=cam.ip, timeout=30)[0].fields()["Device ID"]
+        lan.search(count=1, from_ip=cam.ip, timeout=30)
         pid = cam.exec("pidof upgrade", check=True)[1].split()[0]
         data = random.Random(1).randbytes(size)
         before = cpu_ms(cam, pid)
-        with lanupgrade.Upgrade(lan, [device_id], data, "ingest.bin", 1) as up:
-            assert up.announce().get(device_id) == "0", "announcement not accepted"
-            up.stream()
-            assert up.wait_acks("5", 600).get(device_id) == "5", up.codes(device_id)
+        with lanupgrade.PacedTransfer(lan, [cam], data, name="ingest.bin", mode=1) as t:
+            t.announce()
+            assert t.ack(cam, timeout=60) == "0", "announcement not accepted"
+            t.stream()
+            assert t.until(cam, "5", 600) and t.heard_from(cam)[-1] == "5", t.heard_from(cam)
         daemon = cpu_ms(cam, pid) - before
         cam.exec(f"(mcast_sink 239.255.255.252 8106 /dev/sink.bin {size} "
                  "> /.rig/calls/sink.txt 2>&1 &)", check=True)
         cam.wait_file_text("/.rig/calls/sink.txt", "ready", 30)
         with lan.listen("239.255.255.252", 8106) as tx:
-            sender = lanupgrade.Upgrade.__new__(lanupgrade.Upgrade)
-            sender.data, sender.session, sender.rate, sender.listener = data, "s" * 32, 1 << 20, tx
-            sender.stream()
+            lanupgrade.send_paced(tx.send, transfer.packets("s" * 32, data), 1 << 20)
         text = cam.wait_file_text("/.rig/calls/sink.txt", "ms cpu", 600)
         sink = int(re.search(r"(\d+) ms cpu", text).group(1))
         return daemon, sink

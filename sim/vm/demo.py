@@ -59,13 +59,16 @@ def main(argv):
         piece = random.Random(1).randbytes(320 * 1024)  # whole 64 KiB pieces
         print(f"\n--- multicast upgrade: {len(piece)} bytes for partition {KERNEL} "
               f"(mode {5 + KERNEL}) to 239.255.255.252:8006")
-        with lanupgrade.Upgrade(lan, [device_id], piece, "uImage.bin", 5 + KERNEL) as up:
-            up.announce()
-            up.stream()
-            up.wait_acks("7", 600)
-            for at, _dev, code in up.acks:
-                print(f"    +{at - up.acks[0][0]:6.2f} s  REPLYU DO Ack:{code}  "
-                      f"({ACKS.get(code, '?')})")
+        with lanupgrade.PacedTransfer(lan, [cam], piece, name="uImage.bin",
+                                      mode=5 + KERNEL) as t:
+            t.announce()
+            if t.ack(cam, timeout=60) == "0":
+                t.stream()
+            replies = t.until(cam, "7", 600)
+        for r in replies:
+            code = r.fields().get("Ack")
+            print(f"    +{r.at - replies[0].at:6.2f} s  REPLYU DO Ack:{code}  "
+                  f"({ACKS.get(code, '?')})")
         reason = cam.wait_boot(2, timeout=600)
         print(f"\n--- the camera restarted ({reason}) and is up again")
         again = show_search(lan, cam)

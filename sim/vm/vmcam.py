@@ -421,7 +421,7 @@ class VirtualCamera:
                                      f"{self._tail(b)}")
             time.sleep(0.05)
 
-    def _tail(self, boot, n=25):
+    def _tail(self, boot=None, n=25):
         lines = self.lines(boot=boot)[-n:]
         return f"\n  ({self.dir})\n  console: " + "\n  console: ".join(lines)
 

@@ -1,13 +1,11 @@
 """The lab's host-side pieces without a virtual camera: the flash file as
-the tests read it, the upgrade sender's datagrams and the STM32 bootloader
-served on a pty."""
+the tests read it and the STM32 bootloader served on a pty."""
 
 import os
 import subprocess
 import termios
 import tty
 
-import lanupgrade
 import vmcam
 
 P, RAW, PPB = vmcam.PAGE, vmcam.RAW_PAGE, vmcam.PAGES_PER_BLOCK
@@ -28,33 +26,6 @@ def test_flash_file_pages_oob_bad_blocks_and_erase_count(tmp_path):
     assert flash.partition(1, skip_bad=True) == b"".join(bytes([b]) * (PPB * P)
                                                          for b in (2, 4, 5))
     assert flash.erase_count() == 42
-
-
-class Recorder:
-    def __init__(self):
-        self.sent = []
-
-    def send(self, data):
-        self.sent.append(data)
-
-
-def sent_by(data):
-    up = lanupgrade.Upgrade.__new__(lanupgrade.Upgrade)
-    up.data, up.session, up.rate = data, "s" * 32, 1 << 40
-    up.listener = Recorder()
-    up.stream()
-    return up.listener.sent
-
-
-def test_upgrade_datagrams_carry_the_file_in_order():
-    data = os.urandom(2 * lanupgrade.DATA_MAX + 7)
-    sent = sent_by(data)
-    assert [d[9:10] for d in sent] == [b"b", b"t", b"o"]
-    assert all(d[:9] == b"CAMERA_UP" and d[10:42] == b"s" * 32 for d in sent)
-    assert b"".join(d[42:] for d in sent) == data
-    # A file of one datagram still ends with a last packet.
-    assert [d[9:10] + d[42:] for d in sent_by(b"xyz")] == [b"bxyz", b"o"]
-    assert lanupgrade.ack_of("REPLYU DO\r\nClient ID:c\r\nDevice ID:d\r\nAck:7") == ("d", "c", "7")
 
 
 def test_stm32_serve_programs_and_takes_a_quiet_line_for_a_reset(tmp_path):

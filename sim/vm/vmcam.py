@@ -12,7 +12,7 @@ the daemon and this camera's files. It has
   network   virtio-net on a tap in the LAN's bridge: the same LAN as the
             namespace cameras of sim/ns
   ttyS1     pci-serial-2x, wired to the STM32 bootloader simulator (stm32_serve)
-  /data, /customer   kept on the host (a 9p share), so they survive reboots
+  /data, /customer, /home   kept on the host (a 9p share): they survive reboots
   /mnt/usb  an ext2 disk image when `usb` is given
 
 qemu runs with -no-reboot: every restart of the machine ends the process and
@@ -79,8 +79,9 @@ class VirtualCamera:
     word        the daemon's command-line word
     ip, mac     eth0's address (default: next free on the LAN) and MAC
     gateway     default route (LAN's address; None for a multicast route only)
-    files       {camera path under /data, /customer: str|bytes|None} on top of
-                the defaults (model "K1.T", version "V2.5.1", arm_version_file)
+    files       {camera path under /data, /customer, /home, /etc: str|bytes|None}
+                on top of the defaults (model "K1.T", version "V2.5.1",
+                arm_version_file); /etc files are part of every boot
     pid_list    kill-list names; a dummy process runs per name
     del_list    paths for /customer/del_list (None: no file)
     parts       [(name, erase blocks|None)] of the 128 MiB NAND chip
@@ -137,20 +138,22 @@ class VirtualCamera:
     # -- the camera's files on the host
 
     def _setup(self, files, pid_list, del_list):
-        for d in ("state/data", "state/customer", "calls", "xfer"):
+        for d in ("state/data", "state/customer", "state/home", "calls", "xfer"):
             (self.share / d).mkdir(parents=True, exist_ok=True)
         names = ["main_app", "onvif_server"] if pid_list is None else list(pid_list)
         self.apps = list(dict.fromkeys(["ntp_client", *names]))
         layout = dict(DEFAULT_FILES)
-        layout.pop("/etc/resolv.conf", None)
         layout["/data/net.conf"] = (f"dhcp=0\nipaddr={self.ip}\nnetmask=255.255.255.0\n"
                                     f"gateway={self.gateway or ''}\nfdns=8.8.8.8\n"
                                     f"macaddr={self.mac}\n")
         layout["/customer/pid_list"] = pid_list_text(names)
         layout["/customer/del_list"] = None if del_list is None else del_list_text(del_list)
         layout.update(files)
+        # /etc lives in the initramfs: its files go into every boot's archive.
+        self.etc_files = {p: c for p, c in layout.items() if p.startswith("/etc/")}
         for p, content in layout.items():
-            self.write(p, content)
+            if p not in self.etc_files:
+                self.write(p, content)
         shutil.copy2(HERE / "rootfs" / "arm_upgrade", self.path("/customer/arm_upgrade"))
         os.chmod(self.path("/customer/arm_upgrade"), 0o755)
         self.flash.create()
@@ -172,7 +175,7 @@ class VirtualCamera:
         """Host path of a camera path under /data, /customer or /.rig."""
         p = str(camera_path)
         for prefix, host in (("/data", "state/data"), ("/customer", "state/customer"),
-                             ("/.rig", "")):
+                             ("/home", "state/home"), ("/.rig", "")):
             if p == prefix or p.startswith(prefix + "/"):
                 return self.share / host / p[len(prefix):].lstrip("/")
         raise RigError(f"{p}: only /data, /customer and /.rig are kept on the host; "
@@ -236,7 +239,11 @@ class VirtualCamera:
         (stage / "etc/apps.list").write_text("".join(a + "\n" for a in self.apps))
         (stage / "etc/fw_env.config").write_text(FW_ENV_CONFIG)
         (stage / "etc/u-boot-initial-env").write_text(UBOOT_ENV)
-        (stage / "etc/resolv.conf").write_text("nameserver 8.8.8.8\n")
+        for p, content in self.etc_files.items():
+            if content is not None:
+                dest = stage / p.lstrip("/")
+                dest.parent.mkdir(parents=True, exist_ok=True)
+                dest.write_bytes(content.encode() if isinstance(content, str) else content)
         names = "\n".join(sorted(str(p.relative_to(stage)) for p in stage.rglob("*"))) + "\n"
         cpio = subprocess.run(["cpio", "-o", "-H", "newc", "--quiet", "-R", "0:0"], cwd=stage,
                               input=names.encode(), capture_output=True, check=True).stdout

@@ -46,6 +46,15 @@ from transfer import (  # noqa: F401  (re-exported)
 # the camera
 
 
+def _fresh_uptime():
+    """unshare options for a time namespace whose boot-time clock starts near
+    0, so that the camera's uptime (sysinfo, /proc/uptime) counts from this
+    boot, as on a camera; none where the kernel has no time namespaces."""
+    if not os.path.exists("/proc/self/ns/time"):
+        return []
+    return ["--time", "--boottime", str(-int(time.clock_gettime(time.CLOCK_BOOTTIME)))]
+
+
 @dataclasses.dataclass
 class Proc:
     host_pid: int
@@ -191,7 +200,7 @@ class Camera(CameraFiles):
         init_log = open(self.path("/.rig/console/init.log"), "ab")
         try:
             self.proc = subprocess.Popen(
-                ["unshare", "--mount", "--net", "--pid", "--uts", "--fork",
+                ["unshare", "--mount", "--net", "--pid", "--uts", *_fresh_uptime(), "--fork",
                  "--propagation", "private", "/bin/sh", str(LAUNCH), str(self.root),
                  *outside_namespaces()],
                 stdin=subprocess.PIPE, stdout=init_log, stderr=subprocess.STDOUT,
@@ -431,8 +440,9 @@ class Camera(CameraFiles):
         its root); returns the CompletedProcess."""
         if not self.running:
             raise RigError(f"{self.name} is not running")
+        time_ns = ["--time"] if ns_link(self.init_pid, "time") != ns_link("self", "time") else []
         return run(["nsenter", f"--target={self.init_pid}", "--mount", "--uts", "--net",
-                    "--pid", "--root", "--wd", "env", "-i", f"PATH={CAMERA_PATH}",
+                    "--pid", *time_ns, "--root", "--wd", "env", "-i", f"PATH={CAMERA_PATH}",
                     "/bin/sh", "-c", command], check=check, timeout=timeout)
 
     def socket(self, kind=socket.SOCK_DGRAM, family=socket.AF_INET):

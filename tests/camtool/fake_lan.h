@@ -29,7 +29,6 @@ struct fake_camera {
   double down_for = 5.0;      // seconds between its reboot and its return
   bool reboots = true;        // false: a camera started in debug mode after a bad md5
   bool reports = true;        // sends its post-upgrade report when back
-  bool resets_uptime = false; // false: the uptime of the host, as in a namespace camera
   std::string mtd = "mtd0: 00080000 00010000 \"boot\"\nmtd1: 00300000 00010000 \"kernel\"\n";
   // What happened to it.
   std::vector<std::string> announced_sessions;
@@ -111,7 +110,7 @@ class fake_lan : public camtool::transport {
   void react(fake_camera& c, channel ch, const std::string& data) {
     if (data.rfind("SEARCH * ", 0) == 0) {
       bool back = c.up_at > time_point{} && now_ >= c.up_at;
-      time_point since = back && c.resets_uptime ? c.up_at : time_point{};
+      time_point since = back ? c.up_at : time_point{};
       uint64_t uptime = 100 + static_cast<uint64_t>(camtool::between(since, now_));
       reply(ch, c, 0.001,
             "REPLY OK \r\nVERSION:" + (back ? c.new_version : c.version) + "\r\nDEVICE_MODEL:K1.T" +

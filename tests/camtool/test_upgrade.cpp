@@ -169,7 +169,6 @@ TEST(Upgrade, HowTheToolTellsARebootFromACameraThatStayedUp) {
   fake_camera quick = cam('a');
   quick.down_for = 0.3;
   quick.reports = false;
-  quick.resets_uptime = true;
   // Started in debug mode: a bad md5 does not reboot it; the next round still comes.
   fake_camera debug = cam('b');
   debug.md5_failures = 1;

@@ -50,6 +50,7 @@ class fake_lan : public camtool::transport {
     time_point at;
     channel ch;
     std::string data;
+    std::string to;  // send_to's address
   };
   std::vector<sent_datagram> sent;
 
@@ -67,9 +68,13 @@ class fake_lan : public camtool::transport {
     return d;
   }
 
+  void send_to(channel ch, const std::string& ip, int, std::string_view text) override {
+    sent.push_back({now_, ch, std::string(text), ip});
+  }
+
   void send(channel ch, std::string_view text) override {
     std::string data(text);
-    sent.push_back({now_, ch, data});
+    sent.push_back({now_, ch, data, ""});
     for (fake_camera& c : cams)
       if (c.hears && !down(c)) react(c, ch, data);
   }

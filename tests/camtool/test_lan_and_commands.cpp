@@ -95,7 +95,7 @@ TEST(Confignet, FlagsOverTheCurrentSettingsAndMalformedValuesRefused) {
   f.ip = "192.168.77.50";
   f.mac = "02-AA-BB-CC-DD-EE";
   EXPECT_NO_THROW(camtool::check_confignet(f));
-  wire::net_settings s = camtool::merge_settings(now, f);
+  wire::net_settings s = camtool::merge_settings(camtool::settings_of(now), f);
   EXPECT_FALSE(s.dhcp);
   EXPECT_EQ(s.ipaddr, "192.168.77.50");
   EXPECT_EQ(s.netmask, "255.255.255.0");

@@ -22,7 +22,6 @@ using camtool::time_point;
 struct fake_camera {
   std::string id, ip;
   std::string version = "V1.0", new_version = "V2.0";
-  bool hears = true;          // false: a camera that never answers
   char ready_code = '0';      // answer to the announcement
   double ready_delay = 6.0;   // it stops its programs first
   int md5_failures = 0;       // rounds whose stored file will not match
@@ -76,7 +75,7 @@ class fake_lan : public camtool::transport {
     std::string data(text);
     sent.push_back({now_, ch, data, ""});
     for (fake_camera& c : cams)
-      if (c.hears && !down(c)) react(c, ch, data);
+      if (!down(c)) react(c, ch, data);
   }
 
   // The transfer packets sent, in order.

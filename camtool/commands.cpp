@@ -228,6 +228,18 @@ int cmd_board_test(command_context& ctx, const std::string& who, wire::board_tes
   return passed ? 0 : kExitFailed;
 }
 
+std::vector<std::string> split_batch(
+    const std::vector<std::string>& ids,
+    const std::function<std::string(const std::vector<std::string>&)>& build) {
+  const size_t room = wire::kBatchDatagram - std::min(wire::kBatchDatagram, build({}).size());
+  const size_t per = std::max<size_t>(1, room / wire::kIdLen);
+  std::vector<std::string> out;
+  for (size_t i = 0; i < ids.size(); i += per)
+    out.push_back(build({ids.begin() + static_cast<long>(i),
+                         ids.begin() + static_cast<long>(std::min(ids.size(), i + per))}));
+  return out;
+}
+
 std::map<std::string, query_answer> query_cameras(transport& net, const std::string& client_id,
                                                   const std::vector<std::string>& ids, double timeout) {
   std::map<std::string, query_answer> got;
@@ -237,7 +249,8 @@ std::map<std::string, query_answer> query_cameras(transport& net, const std::str
     for (const auto& id : ids)
       if (!got.count(id)) ask.push_back(id);
     // Asked again each second, only the cameras that have not answered.
-    exchange(net, channel::batch, wire::query_request(ask, client_id),
+    auto requests = split_batch(ask, [&](const auto& some) { return wire::query_request(some, client_id); });
+    exchange(net, [&] { for (const auto& r : requests) net.send(channel::batch, r); },
              std::min(1.0, between(net.now(), end)), 0, [&](const datagram& d) {
                auto r = wire::parse_id_reply(wire::kReplyQuery, d.data);
                if (r && r->client_id == client_id &&

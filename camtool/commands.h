@@ -49,8 +49,15 @@ int cmd_production(command_context& ctx, const std::string& who);
 int cmd_lumconfig(command_context& ctx, const std::string& who, const std::optional<std::string>& serial,
                   const std::optional<std::string>& mac);
 
-// The firmware query, asked of many cameras in one batch command and again
-// of those that have not answered; by device ID.
+// A batch command names its cameras in one list, and a camera reads at most
+// a batch datagram: `build` makes the command for some of `ids`; as many as
+// fit go into each datagram.
+std::vector<std::string> split_batch(
+    const std::vector<std::string>& ids,
+    const std::function<std::string(const std::vector<std::string>&)>& build);
+
+// The firmware query, asked of many cameras in batch commands and again of
+// those that have not answered; by device ID.
 struct query_answer {
   std::string version;
   std::vector<wire::partition> partitions;

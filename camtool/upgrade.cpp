@@ -358,7 +358,8 @@ class upgrade_run {
       for (camera_state* c : names)
         if (c->ready == 0) silent.push_back(c->id);
       if (silent.empty() || net_.now() >= end) break;
-      net_.send(channel::batch, announcement(silent));
+      for (const std::string& a : split_batch(silent, [&](const auto& ids) { return announcement(ids); }))
+        net_.send(channel::batch, a);
       time_point next = std::min(end, after(net_.now(), kAnnounceResend));
       while (net_.now() < next) {
         auto d = net_.receive(next);
@@ -378,6 +379,7 @@ class upgrade_run {
     follow(ready);
   }
 
+  // One datagram; a long list of cameras takes several (split_batch).
   std::string announcement(const std::vector<std::string>& ids) const {
     wire::announcement a;
     a.device_ids = ids;

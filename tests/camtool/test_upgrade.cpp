@@ -142,6 +142,29 @@ TEST(Upgrade, AnnouncesAgainOnlyToCamerasWhoseMd5Failed) {
   EXPECT_TRUE(r0.by_id[id_of('b')]["back"]);
 }
 
+TEST(Upgrade, ASiteTooLargeForOneAnnouncementIsNamedInSeveral) {
+  std::vector<fake_camera> site;
+  std::vector<std::string> ids;
+  for (int i = 0; i < 200; ++i) {
+    fake_camera c;
+    c.id = std::string(28, 'e') + std::to_string(1000 + i);
+    c.ip = "10.0." + std::to_string(i / 250) + "." + std::to_string(i % 250 + 1);
+    ids.push_back(c.id);
+    site.push_back(c);
+  }
+  fake_lan lan(site);
+  run_result r = upgrade(lan, random_bytes(100), to(ids));
+  EXPECT_EQ(r.status, 0) << r.log;
+  size_t announcements = 0;
+  for (const auto& s : lan.sent)
+    if (s.data.find("File md5:") != std::string::npos) {
+      ++announcements;
+      EXPECT_LE(s.data.size(), wire::kBatchDatagram);
+    }
+  EXPECT_EQ(announcements, 2u);
+  for (const auto& c : lan.cams) EXPECT_EQ(c.announced_sessions.size(), 1u) << c.id;
+}
+
 TEST(Upgrade, CamerasThatDoNotTakeTheFileAreReportedAndFailTheRun) {
   fake_camera full = cam('c'), busy = cam('d');
   full.ready_code = '1';

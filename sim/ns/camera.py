@@ -8,8 +8,8 @@ UDP and TCP. Everything runs as root; see README.md for the API.
 
 The rig is split over rigbase.py (constants, host helpers), camroot.py (fixture
 files of a camera root), session.py (session, leftovers), lan.py (the LAN),
-transfer.py (the tool's side of a multicast upgrade) and this file (the
-camera); every public name is importable from here.
+transfer.py (the tool's side of a multicast upgrade), power.py (boots a
+camera again after its reboot) and this file (the camera); every public name is importable from here.
 """
 
 from __future__ import annotations
@@ -31,6 +31,7 @@ from camroot import (  # noqa: F401  (re-exported)
     DEFAULT_FILES, DEFAULT_FW_ENV_CONFIG, DEFAULT_MTD, DEFAULT_PID_LIST, DEFAULT_UBOOT_ENV,
     CameraFiles, del_list_text, mtd_text, pid_list_text)
 from lan import Lan, Listener, Reply, search_datagram  # noqa: F401  (re-exported)
+from power import PowerOn  # noqa: F401  (re-exported)
 from rigbase import (  # noqa: F401  (re-exported)
     BATCH_GROUP, CAMERA_PATH, CLONE_NEWNET, CONTROL_PORT, HERE, LAUNCH, NETNS_PREFIX, NS_KINDS,
     ROOTFS, SEARCH_GROUP, SESSION_PREFIX, TCP_PORT, TOOL_PATH, RigError, in_netns, ns_link,

@@ -328,26 +328,12 @@ def test_upgrade_three_cameras_one_stream_md5_failure_retried(start_camera, lan,
     fw.write_bytes(zip_package({"customer/version_file": "V2.6.0",
                                 "customer/payload.bin": payload}))
 
-    failures = []
-
-    def restart_after_reboots(cam, count):
-        try:
-            for _ in range(count):
-                cam.wait_reboot(timeout=180)
-                cam.restart()
-        except AssertionError as e:  # reported with camtool's output below
-            failures.append(f"{cam.name}: {e}")
-
-    threads = [threading.Thread(target=restart_after_reboots, args=(cam, n))
-               for cam, n in ((a, 1), (b, 2), (c, 1))]
-    for t in threads:
-        t.start()
-    p = camtool("upgrade", fw, "--mode", 1, "--to",
-                ",".join([a.device_id, b.ip, c.device_id]), "--json", timeout=400)
-    for t in threads:
-        t.join(200)
-    assert not failures, (failures, p.stderr)
+    with rig.PowerOn([a, b, c]) as power:
+        p = camtool("upgrade", fw, "--mode", 1, "--to",
+                    ",".join([a.device_id, b.ip, c.device_id]), "--json", timeout=400)
+    assert not power.failures, (power.failures, p.stderr)
     assert p.returncode == 0, p.stdout + p.stderr
+    assert (a.boots, b.boots, c.boots) == (2, 3, 2)
     got = {j["device_id"]: j for j in json_lines(p.stdout)}
     assert got[b.device_id]["acks"] == ["06", "057"], p.stderr
     for cam in (a, c):

@@ -140,13 +140,22 @@ def upgrade(lan, camtool, pkg, rate, cams, log):
             "--all", "--json", "--rate", str(rate), "--answer-wait", "60", "--back-wait", "900"]
     t0 = time.monotonic()
     p = subprocess.Popen(argv, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
-    events, out = [], []
+    events, out, hwm = [], [], [0]
+
+    def peak():
+        # camtool's own high-water mark (the rusage of a child also counts
+        # the forked parent's pages before the exec); read until it exits.
+        while p.poll() is None:
+            hwm[0] = max(hwm[0], status_kib(p.pid, "VmHWM"))
+            time.sleep(0.1)
+
     readers = [threading.Thread(target=lambda: [events.append((time.monotonic() - t0, line))
                                                 for line in p.stderr], daemon=True),
-               threading.Thread(target=lambda: out.append(p.stdout.read()), daemon=True)]
+               threading.Thread(target=lambda: out.append(p.stdout.read()), daemon=True),
+               threading.Thread(target=peak, daemon=True)]
     for r in readers:
         r.start()
-    _, status, usage = os.wait4(p.pid, 0)
+    status = p.wait()
     took = time.monotonic() - t0
     for r in readers:
         r.join(10)
@@ -169,7 +178,7 @@ def upgrade(lan, camtool, pkg, rate, cams, log):
         drops[0] += rcvbuf
         drops[1] += reasm
     return {
-        "status": os.waitstatus_to_exitcode(status),
+        "status": status,
         "took": took,
         "results": results,
         "announced": first(r"^round 1: announcing"),
@@ -178,7 +187,7 @@ def upgrade(lan, camtool, pkg, rate, cams, log):
         "last_7": last(r"\(7\)$"),
         "last_back": last(r"back after its reboot"),
         "rounds": max((len(r["acks"]) for r in results), default=0),
-        "tool_rss": usage.ru_maxrss,
+        "tool_rss": hwm[0],
         "daemon_rss": list(sampler.daemon_rss.values()),
         "camera_rss": list(sampler.camera_rss.values()),
         "drops": drops,

@@ -16,7 +16,6 @@ and the load. Figures only: nothing here passes or fails.
 """
 
 import argparse
-import io
 import json
 import os
 import re
@@ -25,7 +24,6 @@ import subprocess
 import sys
 import threading
 import time
-import zipfile
 from pathlib import Path
 
 TOP = Path(__file__).resolve().parents[1]
@@ -42,14 +40,6 @@ def default(*names):
         if p.is_file():
             return p
     return None
-
-
-def package(mib):
-    buf = io.BytesIO()
-    with zipfile.ZipFile(buf, "w", zipfile.ZIP_STORED) as z:
-        z.writestr("customer/version_file", "V2.6.0")
-        z.writestr("customer/payload.bin", os.urandom(int(mib * 1024 * 1024)))
-    return buf.getvalue()
 
 
 def mem_available_kib():
@@ -262,7 +252,8 @@ def main():
     log = []
     try:
         pkg = session.workdir / "app_V2.6.0.zip"
-        pkg.write_bytes(package(args.mib))
+        pkg.write_bytes(rig.zip_package({"customer/version_file": "V2.6.0",
+                                         "customer/payload.bin": os.urandom(int(args.mib * 1048576))}))
         print(f"daemon {args.bin}, camtool {args.camtool}")
         print(f"package {pkg.stat().st_size / 1048576:.1f} MiB (mode 1) at {args.rate:g} Mbit/s; "
               f"{os.cpu_count()} CPUs, load {os.getloadavg()[0]:.1f} at start")

@@ -40,7 +40,7 @@ from session import (  # noqa: F401  (re-exported)
     Session, leftovers, shared_libraries, sweep_stale)
 from tracking import TRACKING_PORT, TrackingService  # noqa: F401  (re-exported)
 from transfer import (  # noqa: F401  (re-exported)
-    STATUS_GROUP, Transfer, confirmation, packet, packets, wait_ready)
+    STATUS_GROUP, Transfer, confirmation, packet, packets, wait_ready, zip_package)
 
 
 # --------------------------------------------------------------------------

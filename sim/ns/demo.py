@@ -9,10 +9,8 @@ camtool runs inside the sandbox's LAN namespace, never on this machine's
 network. Without its path, the camtool built beside the daemon is used.
 """
 
-import io
 import os
 import sys
-import zipfile
 from pathlib import Path
 
 sys.path.insert(0, str(Path(__file__).resolve().parent))
@@ -24,14 +22,6 @@ def show(title, lines):
     print(f"\n--- {title}")
     for line in lines:
         print(f"    {line}")
-
-
-def package(version):
-    buf = io.BytesIO()
-    with zipfile.ZipFile(buf, "w") as z:
-        z.writestr("customer/version_file", version)
-        z.writestr("customer/payload.bin", os.urandom(2 << 20))
-    return buf.getvalue()
 
 
 def main(argv):
@@ -67,7 +57,8 @@ def main(argv):
         ok = run("search") == 0
         ok = run("query", first.ip) == 0 and ok
         fw = session.workdir / "app_V2.6.0.zip"
-        fw.write_bytes(package("V2.6.0"))
+        fw.write_bytes(rig.zip_package({"customer/version_file": "V2.6.0",
+                                        "customer/payload.bin": os.urandom(2 << 20)}))
         # Each camera reboots after its installation; the rig powers it on again.
         with rig.PowerOn(cams) as power:
             ok = run("upgrade", fw, "--mode", 1, "--all") == 0 and ok

@@ -5,7 +5,6 @@ upgrade tests need the camera's multicast upgrade handler; they are skipped
 while the daemon under test has none.
 """
 
-import io
 import json
 import os
 import re
@@ -13,7 +12,6 @@ import signal
 import subprocess
 import threading
 import time
-import zipfile
 from pathlib import Path
 
 import pytest
@@ -305,14 +303,6 @@ exec /bin/busybox md5sum "$@"
 """
 
 
-def zip_package(files):
-    buf = io.BytesIO()
-    with zipfile.ZipFile(buf, "w", zipfile.ZIP_DEFLATED) as z:
-        for name, data in files.items():
-            z.writestr(name, data)
-    return buf.getvalue()
-
-
 def test_upgrade_three_cameras_one_stream_md5_failure_retried(start_camera, lan, camtool,
                                                               upgrade_bin, tmp_path):
     if not has_upgrade_handler(upgrade_bin):
@@ -325,7 +315,7 @@ def test_upgrade_three_cameras_one_stream_md5_failure_retried(start_camera, lan,
     b.start()
     payload = os.urandom(300_000)
     fw = tmp_path / "app_V2.6.0.zip"
-    fw.write_bytes(zip_package({"customer/version_file": "V2.6.0",
+    fw.write_bytes(rig.zip_package({"customer/version_file": "V2.6.0",
                                 "customer/payload.bin": payload}))
 
     with rig.PowerOn([a, b, c]) as power:

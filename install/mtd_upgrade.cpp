@@ -135,7 +135,8 @@ void mtd_upgrade_install() {
       DBG_INFO("current upgrademode is ALL_MTD\n");
       remove(cam_path("/data/upgrade.log").c_str());
       set_data_log_open(0);
-      TRACE_DATA("soc version: %s, device_type: %s\n", st.soc_version, st.device_model);
+      const version_texts now = current_version();
+      TRACE_DATA("soc version: %s, device_type: %s\n", now.version, now.model);
       sys().shell("echo  > /dev/orn.log");
       sys().shell("rm -rf /dev/*.log");
 

@@ -84,14 +84,7 @@ std::string model_tag_of_path(const std::string& path) {
   return path.substr(us + 1, dot == std::string::npos ? std::string::npos : dot - us - 1);
 }
 
-std::string camera_model_tag() {
-  const char* model = daemon_state.device_model;
-  size_t n = strnlen(model, sizeof(daemon_state.device_model));
-  std::string tag(model, n);
-  size_t dot = tag.find('.');
-  if (dot != std::string::npos) tag.resize(dot);
-  return tag;
-}
+std::string model_tag(const char* model) { return std::string(model, strcspn(model, ".")); }
 
 void device_type_written(bool quiet) {
   set_device_type_flag();
@@ -198,8 +191,9 @@ int udisk_upgrade_poll() {
   const std::string image = std::string(kDiskDir) + "/" + name;
   DBG_INFO("found file: %s\n", image.c_str());
 
-  const std::string cam_tag = camera_model_tag();
-  DBG_INFO("soc_device_type_info: %s\n", daemon_state.device_model);
+  const version_texts now = current_version();
+  const std::string cam_tag = model_tag(now.model);
+  DBG_INFO("soc_device_type_info: %s\n", now.model);
   DBG_INFO("cam_device_model: %s\n", cam_tag.c_str());
   if (strchr(image.c_str(), ';') != nullptr || !is_safe_file_name(name.c_str())) {
     DBG_ERR("upgrade filename error!\n");

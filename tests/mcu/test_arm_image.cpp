@@ -38,12 +38,9 @@ TEST(ArmImageNameTest, ListedNamesFollowTheFileNameRule) {
                            "a;b_ARM_.bin", "$(x)_ARM_.bin", "a b_ARM_.bin", "x*_ARM_.bin"}) {
     cam.platform().on("grep _ARM_", std::string(name) + "\n");
     char found[300] = {};
-    CaptureStdout();
-    CaptureStderr();
-    int r = found_arm_upgrade_file("/bin/ls /customer/ | grep _ARM_", found, sizeof(found));
-    GetCapturedStdout();
-    GetCapturedStderr();
-    EXPECT_EQ(r, is_safe_file_name(name) ? 1 : 0) << name;
+    EXPECT_EQ(found_arm_upgrade_file("/bin/ls /customer/ | grep _ARM_", found, sizeof(found)),
+              is_safe_file_name(name) ? 1 : 0)
+        << name;
   }
 }
 

@@ -18,6 +18,7 @@
 
 #include "core/dbgout.h"
 #include "core/platform.h"
+#include "discovery/broadcast.h"
 #include "discovery/dhcp_status.h"
 #include "discovery/identity.h"
 #include "install/mtd_debug.h"
@@ -25,6 +26,7 @@
 #include "install/mtd_upgrade.h"
 #include "install/udisk_upgrade.h"
 #include "mcu/arm_image.h"
+#include "partner/search_mira.h"
 
 daemon_state_t daemon_state;
 
@@ -381,6 +383,9 @@ int upgrade_main(int argc, char** argv) {
   init_tcpsocket(&listen_socket, &listen_addr);
   start_thread(mtd_upgrade_func, nullptr);
   start_thread(udisk_upgrade_func, nullptr);
+  // Services the site switches on in /customer/upgrade.conf.
+  if (st.site.broadcast == 1) start_thread(broadcast_func, nullptr);
+  if (st.site.partner == 1) init_search_mira_server();
 
   // The installers run these copies: the originals may be replaced.
   sys().shell("cp /bin/fw_setenv /dev/fw_setenv");

@@ -36,6 +36,7 @@ from rigbase import (  # noqa: F401  (re-exported)
     outside_namespaces, parent_of, pid_alive, run, shell_quote, wait_until)
 from session import (  # noqa: F401  (re-exported)
     Session, leftovers, shared_libraries, sweep_stale)
+from tracking import TRACKING_PORT, TrackingService  # noqa: F401  (re-exported)
 
 
 # --------------------------------------------------------------------------

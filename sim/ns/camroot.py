@@ -25,6 +25,7 @@ DEFAULT_UBOOT_ENV = "baudrate=115200\nbootcmd=bootm 0x82000000\nbootdelay=1\n"
 DEFAULT_PID_LIST = ["main_app", "onvif_server"]
 DEFAULT_FILES = {
     "/customer/device_model_file": "K1.T",
+    "/home/device_model_file": "K1.T",
     "/customer/version_file": "V2.5.1",
     "/customer/arm_version_file": "ARM: [1.0.0]",
     "/etc/resolv.conf": "nameserver 8.8.8.8\n",

@@ -84,7 +84,7 @@ int kill_pid_main() {
 namespace {
 // Runs md5sum on `path` and reads its 32 digits into `digest` (33 bytes).
 int read_md5(const char* path, char* digest) {
-  std::string cmd = std::string("/usr/bin/md5sum ") + path;
+  std::string cmd = std::string("/usr/bin/md5sum ") + shell_quote(path);
   memset(digest, 0, 33);
   int n = sys().shell_read(cmd, digest, 32);
   if (n < 0) {

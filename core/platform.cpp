@@ -62,6 +62,10 @@ pid_t Platform::waitpid(pid_t pid, int* status, int options) {
   return ::waitpid(pid, status, options);
 }
 
+int Platform::exec(const char* path, char* const argv[]) { return ::execv(path, argv); }
+
+void Platform::exit_child(int status) { ::_exit(status); }
+
 void Platform::end_thread() { ::pthread_exit(nullptr); }
 
 void Platform::exit_process(int status) { ::exit(status); }

@@ -43,6 +43,10 @@ class Platform {
 
   virtual pid_t fork();
   virtual pid_t waitpid(pid_t pid, int* status, int options);
+  // In a forked child: execv(3), which returns only on failure (-1), and
+  // _exit(2).
+  virtual int exec(const char* path, char* const argv[]);
+  [[noreturn]] virtual void exit_child(int status);
 
   // pthread_exit of the calling thread; exit(3) of the process.
   [[noreturn]] virtual void end_thread();

@@ -386,6 +386,8 @@ int upgrade_main(int argc, char** argv) {
   // Services the site switches on in /customer/upgrade.conf.
   if (st.site.broadcast == 1) start_thread(broadcast_func, nullptr);
   if (st.site.partner == 1) init_search_mira_server();
+  // The post-upgrade report, on its own endpoint apart from the listeners.
+  if (st.site.status_report == 1) start_thread(mcast_upgradeStatus_func, &st.endpoints[2]);
 
   // The installers run these copies: the originals may be replaced.
   sys().shell("cp /bin/fw_setenv /dev/fw_setenv");

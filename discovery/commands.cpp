@@ -15,6 +15,7 @@
 #include "core/platform.h"
 #include "core/upgrade.h"
 #include "discovery/identity.h"
+#include "discovery/mcast_upgrade.h"
 #include "discovery/oem_serial.h"
 #include "mcu/stm32flashloader.h"
 #include "video_out/sdi_probe.h"
@@ -257,11 +258,15 @@ int keyword_code_of(const char* buf, size_t len) {
   return KW_REPLY_OK;
 }
 
-void handle_camera_upgrade_stub(mcast_endpoint*, const char*, size_t) {}
-
 void mcast_receive(mcast_endpoint* ep, const char* buf, size_t len) {
   int code = keyword_code_of(buf, len);
   if (code >= KW_EMPTY) return;
+  // Transfer packets carry binary data: the upgrade reads the datagram
+  // itself, without a copy per packet.
+  if (code == KW_CAMERA_UP) {
+    handle_camera_upgrade(ep, buf, len);
+    return;
+  }
   // A NUL-terminated copy: every search below stops at the datagram's end.
   std::string copy = len > 0 ? std::string(buf, len) : std::string();
   const char* msg = copy.c_str();
@@ -286,9 +291,6 @@ void mcast_receive(mcast_endpoint* ep, const char* buf, size_t len) {
       break;
     case KW_CAMERA_QU:
       handle_camera_query(ep, msg);
-      break;
-    case KW_CAMERA_UP:
-      handle_camera_upgrade_stub(ep, msg, len);
       break;
     case KW_PRODUCTIO:
       handle_production(ep, msg);

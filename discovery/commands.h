@@ -17,9 +17,6 @@ int keyword_code_of(const char* buf, size_t len);
 // read_version under a lock, copying the two texts (32 bytes each).
 void refresh_version(char* version, char* model);
 
-// Placeholder for the multicast upgrade ("CAMERA_UP"): does nothing yet.
-void handle_camera_upgrade_stub(mcast_endpoint* ep, const char* msg, size_t len);
-
 // Control messages for the local control service.
 inline constexpr unsigned char kRebootNotice[5] = {0x88, 0x0B, 0x01, 0xAA, 0xFF};
 inline constexpr unsigned char kLedFlickerOn[6] = {0x81, 0x0A, 0x02, 0x01, 0x02, 0xFF};

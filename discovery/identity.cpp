@@ -5,6 +5,7 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <pthread.h>
 #include <sys/sysinfo.h>
 #include <unistd.h>
 #include <uuid/uuid.h>
@@ -25,6 +26,10 @@ namespace {
 constexpr const char* kUuidPath = "/data/uuid_file";
 
 std::mutex g_records_mu;
+// An installer's forked child builds acknowledgements from these records: it
+// must not inherit the lock from a thread that does not exist there.
+[[maybe_unused]] const int g_records_fork_guard = pthread_atfork(
+    [] { g_records_mu.lock(); }, [] { g_records_mu.unlock(); }, [] { g_records_mu.unlock(); });
 char g_device_id[kIdLen + 1];
 char g_client_id[kIdLen + 1];
 char g_upgrade_client_id[kIdLen + 1];

@@ -44,7 +44,8 @@ void set_client_id(const char* id);
 // The tool that started the current multicast upgrade.
 void get_upgrade_client_id(char* out);
 void set_upgrade_client_id(const char* id);
-// Set while a multicast upgrade runs; listeners drop datagrams meanwhile.
+// Set from an accepted multicast announcement to the next acknowledgement:
+// a new announcement is answered '9' and the firmware query is ignored.
 int mcast_upgrade_in_progress();
 void set_mcast_upgrade_in_progress(int on);
 

@@ -26,6 +26,10 @@
 namespace {
 
 constexpr int kPollMs = 50;
+// Room for the transfer packets that arrive while the listener is not
+// scheduled: 2 MiB (the kernel doubles it) holds some 800 full datagrams,
+// a third of a second at the camera's line rate. The default holds 40.
+constexpr int kRecvBufferBytes = 2 << 20;
 constexpr uint64_t kSwitchOffUs = 100000;
 constexpr uint64_t kIdleUs = 50000;
 
@@ -35,6 +39,9 @@ std::atomic<int> g_net_info_failures{0};
 std::atomic<mcast_open_fn> g_open_hook{nullptr};
 // Guards the address records while an endpoint is (re-)opened or used.
 std::mutex g_addr_mu;
+// An installer's forked child sends acknowledgements (see identity.cpp).
+[[maybe_unused]] const int g_addr_fork_guard = pthread_atfork(
+    [] { g_addr_mu.lock(); }, [] { g_addr_mu.unlock(); }, [] { g_addr_mu.unlock(); });
 
 int set_int_opt(int fd, int level, int opt, int value) {
   return setsockopt(fd, level, opt, &value, sizeof(value));
@@ -114,6 +121,9 @@ int init_mcast(std::atomic<int>* sock, struct sockaddr_in* bind_addr,
     DBG_ERR("Reusing ADDR failed\n");
     return -1;
   }
+  // Above the system's limit only for root (SO_RCVBUFFORCE).
+  if (set_int_opt(fd, SOL_SOCKET, SO_RCVBUFFORCE, kRecvBufferBytes) < 0)
+    set_int_opt(fd, SOL_SOCKET, SO_RCVBUF, kRecvBufferBytes);
   set_nonblocking(fd, 0);
   struct sockaddr_in local;
   {
@@ -349,25 +359,32 @@ int mcast_listen_once(mcast_endpoint* ep, std::atomic<int>& recv_switch, size_t 
   char buf[kBatchDatagram];
   if (size > sizeof(buf)) size = sizeof(buf);
   int fd = ep->sock->load();
-  // Waiting in poll() answers a command at once; the timeout is the idle
-  // pause of a non-blocking read.
-  struct pollfd pfd = {fd, POLLIN, 0};
-  int ready = poll(&pfd, 1, kPollMs);
-  if (ready == 0) return 0;
-  if (ready < 0 || (pfd.revents & POLLIN) == 0) {
-    sys().sleep_us(kIdleUs);
-    return 0;
-  }
   struct sockaddr_in sender;
   socklen_t sender_len = sizeof(sender);
+  // A datagram already queued (a transfer streams them back to back) is
+  // taken at once; otherwise waiting in poll() answers a command as soon as
+  // it comes, the timeout being the idle pause of a non-blocking read.
   ssize_t n = recvfrom(fd, buf, size, MSG_DONTWAIT, reinterpret_cast<struct sockaddr*>(&sender),
                        &sender_len);
+  if (n < 0) {
+    struct pollfd pfd = {fd, POLLIN, 0};
+    int ready = poll(&pfd, 1, kPollMs);
+    if (ready == 0) return 0;
+    if (ready < 0 || (pfd.revents & POLLIN) == 0) {
+      sys().sleep_us(kIdleUs);
+      return 0;
+    }
+    sender_len = sizeof(sender);
+    n = recvfrom(fd, buf, size, MSG_DONTWAIT, reinterpret_cast<struct sockaddr*>(&sender),
+                 &sender_len);
+  }
   if (n < 0) {
     sys().sleep_us(kIdleUs);
     return 0;
   }
-  if (daemon_state.upgrade_busy.load() == 0 && mcast_upgrade_in_progress() == 0)
-    mcast_receive(ep, buf, static_cast<size_t>(n));
+  // Only another installer's run drops datagrams: a multicast upgrade needs
+  // its transfer packets, and its handler answers a second announcement.
+  if (daemon_state.upgrade_busy.load() == 0) mcast_receive(ep, buf, static_cast<size_t>(n));
   if (pause_us > 0) sys().sleep_us(pause_us);
   return 1;
 }

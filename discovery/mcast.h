@@ -66,8 +66,8 @@ void set_mcast_open_hook(mcast_open_fn fn);
 void mcast_wait_net_info();
 int mcast_net_info_failures();
 // One pass of a listener loop: waits up to 50 ms for a datagram of at most
-// `size` bytes and hands it to mcast_receive (unless an installation or a
-// multicast upgrade runs), then pauses `pause_us`. Returns 1 after a
+// `size` bytes and hands it to mcast_receive (unless another installer
+// runs: upgrade_busy), then pauses `pause_us`. Returns 1 after a
 // datagram, 0 when none came, 2 while the receive switch is off.
 int mcast_listen_once(mcast_endpoint* ep, std::atomic<int>& recv_switch, size_t size,
                       uint64_t pause_us);

@@ -1,6 +1,7 @@
 #include "wire/upgrade.h"
 
 #include <cstdio>
+#include <cstdlib>
 
 namespace wire {
 
@@ -25,6 +26,31 @@ std::string build_announcement(const announcement& a) {
   out += "\r\n";
   out += kUpgradeModeKey + std::to_string(a.mode);
   return out;
+}
+
+namespace {
+
+// At most `max` characters after the first `key`, cut at `end` when given.
+std::optional<std::string> field_after(std::string_view msg, const char* key, size_t max,
+                                       char end = '\0') {
+  size_t at = msg.find(key);
+  if (at == std::string_view::npos) return std::nullopt;
+  std::string_view v = msg.substr(at + std::string_view(key).size()).substr(0, max);
+  if (end != '\0') v = v.substr(0, v.find(end));
+  return std::string(v);
+}
+
+}  // namespace
+
+announced_fields read_announcement(std::string_view msg) {
+  msg = msg.substr(0, msg.find('\0'));
+  announced_fields f;
+  f.session = field_after(msg, kSessionKey, kIdLen).value_or("");
+  f.file_name = field_after(msg, kFileNameKey, kFileNameMax, kFieldEnd).value_or("");
+  f.md5 = field_after(msg, kFileMd5Key, kMd5Len).value_or("");
+  f.file_size = atoi(field_after(msg, kFileSizeKey, kFileSizeDigits, kFieldEnd).value_or("").c_str());
+  if (auto mode = field_after(msg, kUpgradeModeKey, 1)) f.mode = atoi(mode->c_str());
+  return f;
 }
 
 std::string build_packet(char kind, std::string_view session, const void* data, size_t len) {

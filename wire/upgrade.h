@@ -69,6 +69,20 @@ struct announcement {
 };
 std::string build_announcement(const announcement& a);
 
+// The announcement's fields as a camera reads them: each from the first
+// occurrence of its key in `msg` (the datagram's text up to its first NUL),
+// never past its end. A missing key leaves its field empty (0 for the size).
+struct announced_fields {
+  std::string session;    // the kIdLen characters after kSessionKey
+  std::string file_name;  // up to kFileNameMax characters, kFieldEnd ends it
+  std::string md5;        // the kMd5Len characters after kFileMd5Key
+  int file_size = 0;      // up to kFileSizeDigits characters up to kFieldEnd, as atoi reads them
+  // The one character after kUpgradeModeKey as atoi reads it; nothing when
+  // the key is missing (the camera then keeps the previous mode).
+  std::optional<int> mode;
+};
+announced_fields read_announcement(std::string_view msg);
+
 // One transfer packet of `kind` carrying [data, data+len) (len <= kPacketDataMax).
 std::string build_packet(char kind, std::string_view session, const void* data, size_t len);
 

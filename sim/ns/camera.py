@@ -7,8 +7,9 @@ namespace with a bridge, from which the test talks to them over multicast,
 UDP and TCP. Everything runs as root; see README.md for the API.
 
 The rig is split over rigbase.py (constants, host helpers), camroot.py (fixture
-files of a camera root), session.py (session, leftovers), lan.py (the LAN) and
-this file (the camera); every public name is importable from here.
+files of a camera root), session.py (session, leftovers), lan.py (the LAN),
+transfer.py (the tool's side of a multicast upgrade) and this file (the
+camera); every public name is importable from here.
 """
 
 from __future__ import annotations
@@ -37,6 +38,8 @@ from rigbase import (  # noqa: F401  (re-exported)
 from session import (  # noqa: F401  (re-exported)
     Session, leftovers, shared_libraries, sweep_stale)
 from tracking import TRACKING_PORT, TrackingService  # noqa: F401  (re-exported)
+from transfer import (  # noqa: F401  (re-exported)
+    STATUS_GROUP, Transfer, confirmation, packet, packets, wait_ready)
 
 
 # --------------------------------------------------------------------------

@@ -94,11 +94,11 @@ TEST_F(Helpers, FindPidTakesTheFirstNumberOfTheListing) {
 
 TEST_F(Helpers, Md5VerifyComparesTheDigestAndItsEnd) {
   const char* digest = "0123456789abcdef0123456789abcdef";
-  fake.on("/usr/bin/md5sum /dev/pkg.zip", std::string(digest) + "  /dev/pkg.zip\n");
+  fake.on("/usr/bin/md5sum '/dev/pkg.zip'", std::string(digest) + "  /dev/pkg.zip\n");
   EXPECT_EQ(md5_verify("/dev/pkg.zip", digest), 0);
   EXPECT_EQ(md5_verify("/dev/pkg.zip", (std::string(digest) + "\n").c_str()), -1);
   EXPECT_EQ(md5_verify("/dev/pkg.zip", "0123456789ABCDEF0123456789ABCDEF"), -1);
-  fake.on("/usr/bin/md5sum /dev/short", "0123");
+  fake.on("/usr/bin/md5sum '/dev/short'", "0123");
   EXPECT_EQ(md5_verify("/dev/short", digest), -1);
   fake.popen_fails("/dev/nopipe");
   EXPECT_EQ(md5_verify("/dev/nopipe", digest), -1);
@@ -250,7 +250,7 @@ TEST_F(Helpers, KeptShellHelpers) {
   EXPECT_EQ(system_cmd("ls /dev | grep u-boot"), 0);
   EXPECT_EQ(system_cmd("ls /dev | grep none"), -1);
   char md5[33];
-  fake.on("md5sum /dev/a", "0123456789abcdef0123456789abcdef  /dev/a\n");
+  fake.on("md5sum '/dev/a'", "0123456789abcdef0123456789abcdef  /dev/a\n");
   EXPECT_EQ(get_file_md5("/dev/a", md5), 0);
   EXPECT_STREQ(md5, "0123456789abcdef0123456789abcdef");
   EXPECT_EQ(get_file_md5("/dev/b", md5), -1);

@@ -154,6 +154,23 @@ pid_t FakePlatform::waitpid(pid_t pid, int* status, int) {
   return pid;
 }
 
+int FakePlatform::exec(const char* path, char* const argv[]) {
+  std::lock_guard<std::mutex> lock(mu_);
+  std::string ev = std::string("exec:") + path;
+  for (char* const* a = argv + 1; *a != nullptr; ++a) ev += std::string(" ") + *a;
+  record(ev);
+  errno = ENOENT;
+  return -1;
+}
+
+void FakePlatform::exit_child(int status) {
+  {
+    std::lock_guard<std::mutex> lock(mu_);
+    record("child_exit:" + std::to_string(status));
+  }
+  throw ProcessExited(status);
+}
+
 void FakePlatform::end_thread() {
   {
     std::lock_guard<std::mutex> lock(mu_);

@@ -47,12 +47,15 @@ class FakePlatform : public Platform {
   int reboot(int how) override;
   pid_t fork() override;
   pid_t waitpid(pid_t pid, int* status, int options) override;
+  int exec(const char* path, char* const argv[]) override;
+  [[noreturn]] void exit_child(int status) override;
   [[noreturn]] void end_thread() override;
   [[noreturn]] void exit_process(int status) override;
 
   // Every call in order: "sh:<cmd>", "popen:<cmd>", "read:<cmd>",
   // "sleep:<usec>", "sync", "wdt_open", "wdt_ioctl:<req hex>:<arg>",
-  // "reboot", "fork", "waitpid", "end_thread", "exit:<n>".
+  // "reboot", "fork", "waitpid", "exec:<path> <args>" (exec fails),
+  // "child_exit:<n>" (throws ProcessExited), "end_thread", "exit:<n>".
   std::vector<std::string> events() const;
   // Only the command lines (any of shell/shell_status/shell_read), in order.
   std::vector<std::string> commands() const;

@@ -31,6 +31,41 @@ TEST(WireMessages, AnnouncementNamesEveryCameraAndEndsVariableFields) {
                 "\r\nFile size:123456789*\r\nUpgrade Mode:5");
 }
 
+TEST(WireMessages, AnnouncementFieldsAsTheCameraReadsThem) {
+  wire::announcement a;
+  a.device_ids = {kA};
+  a.client_id = kC;
+  a.session = kS;
+  a.file_name = "fw.zip";
+  a.md5 = std::string(32, 'f');
+  a.file_size = 987654321;
+  a.mode = 3;
+  auto f = wire::read_announcement(wire::build_announcement(a));
+  EXPECT_EQ(f.session, kS);
+  EXPECT_EQ(f.file_name, "fw.zip");
+  EXPECT_EQ(f.md5, a.md5);
+  EXPECT_EQ(f.file_size, 987654321);
+  EXPECT_EQ(f.mode, 3);
+
+  // Widths: a name without its '*' stops at 128 characters, a size at nine
+  // digits; a mode is one character; a missing mode is no mode at all.
+  f = wire::read_announcement("File name:" + std::string(200, 'n') +
+                              "\r\nFile size:12345678901*\r\nUpgrade Mode:12");
+  EXPECT_EQ(f.file_name, std::string(128, 'n'));
+  EXPECT_EQ(f.file_size, 123456789);
+  EXPECT_EQ(f.mode, 1);
+  f = wire::read_announcement("File size:42x*\r\nUpgrade Mode:x");
+  EXPECT_EQ(f.file_size, 42);
+  EXPECT_EQ(f.mode, 0);
+  EXPECT_FALSE(wire::read_announcement("File name:a*").mode);
+
+  // Nothing is read past the datagram's text: its end, or a NUL.
+  f = wire::read_announcement(std::string("SESSION:abc\0defFile md5:0123", 28));
+  EXPECT_EQ(f.session, "abc");
+  EXPECT_EQ(f.md5, "");
+  EXPECT_EQ(wire::read_announcement("File md5:0123").md5, "0123");
+}
+
 TEST(WireMessages, PacketHeaderAndDataRoundTrip) {
   std::string pkt = wire::build_packet(wire::kPacketMiddle, kS, "xyz", 3);
   ASSERT_EQ(pkt.size(), 45u);

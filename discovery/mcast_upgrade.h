@@ -1,0 +1,13 @@
+// The multicast upgrade: a "CAMERA_UP" announcement names the cameras and
+// the file, the transfer packets ('b', 't'..., 'o') carry it into "/dev/",
+// and a file whose md5 matches is installed by mode (mcast_install.h).
+#pragma once
+
+#include <cstddef>
+
+#include "discovery/mcast.h"
+
+// Handles one "CAMERA_UP" datagram heard on ep: an announcement when its
+// text holds "Device ID:", otherwise a transfer packet. Installation and the
+// reboot run on the calling thread.
+void handle_camera_upgrade(mcast_endpoint* ep, const char* buf, size_t len);

@@ -7,6 +7,7 @@
 
 #include <cctype>
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -292,12 +293,15 @@ int check_disk_info(const char* path, int* total, int* list, int* trailer_len) {
     ++i;
   }
   if (lt < 2) return -1;
+  // A number too large for an int is no valid trailer.
   auto read_number = [&](char end, int* out) {
     int v = 0;
     bool any = false;
     while (i < n && tail[i] != end) {
       if (!isdigit(tail[i])) return false;
-      v = v * 10 + (tail[i] - '0');
+      const int digit = tail[i] - '0';
+      if (v > (INT_MAX - digit) / 10) return false;
+      v = v * 10 + digit;
       any = true;
       ++i;
     }

@@ -46,7 +46,9 @@ int Platform::gettimeofday(struct timeval* tv) { return ::gettimeofday(tv, nullp
 
 void Platform::sync() { ::sync(); }
 
-int Platform::watchdog_open(const char* path) { return ::open(path, O_RDWR); }
+// Close-on-exec: an installer the daemon forks (unzip, the controller
+// programmer) must not hold the armed watchdog open.
+int Platform::watchdog_open(const char* path) { return ::open(path, O_RDWR | O_CLOEXEC); }
 
 int Platform::watchdog_ioctl(int fd, unsigned long request, int* arg) {
   return ::ioctl(fd, request, arg);

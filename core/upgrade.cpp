@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
 #include <new>
 #include <string>
 
@@ -40,6 +41,9 @@ constexpr const char* kPidListPath = "/customer/pid_list";
 constexpr const char* kDelListPath = "/customer/del_list";
 constexpr const char* kVersionPath = "/customer/version_file";
 constexpr const char* kModelPath = "/customer/device_model_file";
+
+// Guards the version texts of daemon_state (read_version, current_version).
+std::mutex g_version_mu;
 
 // Socket and address storage of the endpoint records: start-up owns these,
 // the records point at them.
@@ -261,9 +265,25 @@ void read_mtd_info() {
   rebuild_mtd_summary();
 }
 
-void read_version() {
-  read_first_line(kVersionPath, daemon_state.soc_version, sizeof(daemon_state.soc_version));
-  read_first_line(kModelPath, daemon_state.device_model, sizeof(daemon_state.device_model));
+version_texts read_version() {
+  // The files are read outside the lock: a slow read holds up no reader.
+  version_texts fresh;
+  read_first_line(kVersionPath, fresh.version, sizeof(fresh.version));
+  read_first_line(kModelPath, fresh.model, sizeof(fresh.model));
+  std::lock_guard<std::mutex> lock(g_version_mu);
+  memcpy(daemon_state.soc_version, fresh.version, sizeof(fresh.version));
+  memcpy(daemon_state.device_model, fresh.model, sizeof(fresh.model));
+  return fresh;
+}
+
+version_texts current_version() {
+  version_texts now;
+  std::lock_guard<std::mutex> lock(g_version_mu);
+  memcpy(now.version, daemon_state.soc_version, sizeof(now.version));
+  memcpy(now.model, daemon_state.device_model, sizeof(now.model));
+  now.version[sizeof(now.version) - 1] = '\0';
+  now.model[sizeof(now.model) - 1] = '\0';
+  return now;
 }
 
 void fill_endpoint_records() {

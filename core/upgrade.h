@@ -76,7 +76,8 @@ struct daemon_state_t {
   // Service switches of /customer/upgrade.conf (read at start-up).
   site_conf_t site;
 
-  // Firmware version and device model texts (read_version).
+  // Firmware version and device model texts (read_version). Other threads
+  // refresh them: read them through current_version().
   char soc_version[32] = {};
   char device_model[32] = {};
 };
@@ -96,8 +97,18 @@ int get_config(const char* path);
 void read_mtd_info();
 void rebuild_mtd_summary();
 
-// Version text and device model (files in the camera table of the README).
-void read_version();
+// The firmware version and device model texts, as one consistent copy.
+struct version_texts {
+  char version[32];
+  char model[32];
+};
+
+// Reads the version text and device model (files in the camera table of the
+// README) and returns them. Threads that read the texts meanwhile see either
+// the former or the new pair, never a half-written one.
+version_texts read_version();
+// The texts as last read.
+version_texts current_version();
 
 void fill_endpoint_records();
 void fill_protocol_keywords();

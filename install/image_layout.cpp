@@ -1,5 +1,4 @@
 #include "install/image_layout.h"
-#include "wire/file_name.h"
 
 #include <cstdio>
 #include <cstring>
@@ -163,20 +162,12 @@ int set_net_upgrade_flag(int value) {
 }
 
 int set_device_type_flag() {
-  char model[sizeof(daemon_state.device_model)];
-  size_t n = 0;
-  const char* src = daemon_state.device_model;
-  while (n + 1 < sizeof(model) && src[n] != '\0' && src[n] != '.') {
-    model[n] = src[n];
-    ++n;
-  }
-  model[n] = '\0';
-  if (!is_safe_file_name(model)) {
-    // The model text comes from a file; it must not carry shell syntax.
-    DBG_ERR("device model refused: %s\n", model);
-    return -1;
-  }
-  std::string cmd = std::string("/bin/fw_setenv mode_type ") + model;
+  // The model is not a file name: whatever it holds goes to fw_setenv as one
+  // quoted word.
+  const version_texts now = current_version();
+  const char* model = now.model;
+  const std::string cmd = std::string("/bin/fw_setenv mode_type ") +
+                          shell_quote(std::string(model, strcspn(model, ".")).c_str());
   DBG_INFO("cmd: %s\n", cmd.c_str());
   return sys().shell_status(cmd);
 }

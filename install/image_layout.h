@@ -24,7 +24,7 @@ int mtd_cmp(const char* file_path, unsigned type);
 // Boot-environment flags; return the pclose status.
 int set_dfu_upgrade_flag(int value);
 int set_net_upgrade_flag(int value);
-// mode_type = device model up to its first '.'.
+// mode_type = device model up to its first '.', quoted for the shell.
 int set_device_type_flag();
 
 // Size of partition `index` from the partition table (0 when out of range).

@@ -58,10 +58,11 @@ bool seek_to(MtdDevices& dev, int fd, uint32_t offset) {
 }
 
 // Reads the erase block at `addr` into `buf`: nullptr, or the trace line
-// telling which step failed.
+// telling which step failed. A short read fails too: the bytes it did not
+// fill would compare as flash content.
 const char* read_block(MtdDevices& dev, int fd, uint32_t addr, unsigned char* buf, uint32_t bs) {
   if (!seek_to(dev, fd, addr)) return "lseek error\n";
-  if (dev.read(fd, buf, bs) < 0) return "read error\n";
+  if (dev.read(fd, buf, bs) != static_cast<ssize_t>(bs)) return "read error\n";
   return nullptr;
 }
 
@@ -181,10 +182,12 @@ int flash_to_file(int fd, uint32_t offset, size_t length, const char* path) {
   size_t remaining = length;
   while (remaining > 0) {
     size_t chunk = remaining < size ? remaining : size;
-    if (dev.read(fd, buf, chunk) < 0) {
+    const ssize_t got = dev.read(fd, buf, chunk);
+    if (got != static_cast<ssize_t>(chunk)) {
+      // A short read would copy stale buffer bytes into the file.
       fprintf(stderr, "%s: read, size %#x, n %#x\n", "flash_to_file", static_cast<unsigned>(chunk),
               static_cast<unsigned>(remaining));
-      perror("read()");
+      if (got < 0) perror("read()");
       goto fail;
     }
     ssize_t n = ::write(out, buf, chunk);
@@ -256,7 +259,7 @@ int file_to_flash(int fd, uint32_t offset, uint32_t length, const char* path,
 }
 
 int file_to_flash_erase_write(uint32_t* progress, int fd, uint32_t offset, uint32_t length,
-                              const char* path, uint32_t file_offset) {
+                              const char* path, uint32_t file_offset, uint32_t* unverified) {
   if (path == nullptr || length == 0) {
     TRACE("filename error\n");
     return -1;
@@ -335,6 +338,7 @@ int file_to_flash_erase_write(uint32_t* progress, int fd, uint32_t offset, uint3
       if (!buffers_differ(flash_buf, file_buf, bs)) break;
       if (retry == 0) {
         TRACE("error: read flash after write, but the data is not the same\n");
+        if (unverified != nullptr) ++*unverified;
         break;
       }
     }
@@ -442,9 +446,9 @@ int mtd_info_dump(int fd) {
 
 namespace {
 // Shared body of the two command interfaces.
-int dispatch(uint32_t* progress, bool with_erase_write, const char* cmd, const char* device_path,
-             const char* offset_text, const char* length_text, const char* file_path,
-             const char* file_offset_text, const char* caller) {
+int dispatch(uint32_t* progress, uint32_t* unverified, bool with_erase_write, const char* cmd,
+             const char* device_path, const char* offset_text, const char* length_text,
+             const char* file_path, const char* file_offset_text, const char* caller) {
   enum { INFO, READ, WRITE, ERASE, ERASE_WRITE } op;
   if (cmd == nullptr) return -1;
   if (strcmp(cmd, "info") == 0)
@@ -484,7 +488,7 @@ int dispatch(uint32_t* progress, bool with_erase_write, const char* cmd, const c
       break;
     case ERASE_WRITE:
       // The outcome is only logged: this command reports 0 once the device opened.
-      file_to_flash_erase_write(progress, fd, offset, length, file_path, file_offset);
+      file_to_flash_erase_write(progress, fd, offset, length, file_path, file_offset, unverified);
       break;
   }
   if (result == 1) result = -1;
@@ -497,12 +501,13 @@ int dispatch(uint32_t* progress, bool with_erase_write, const char* cmd, const c
 
 int orn_mtd(const char* cmd, const char* device_path, const char* offset_text,
             const char* length_text, const char* file_path, const char* file_offset_text) {
-  return dispatch(nullptr, false, cmd, device_path, offset_text, length_text, file_path,
+  return dispatch(nullptr, nullptr, false, cmd, device_path, offset_text, length_text, file_path,
                   file_offset_text, "orn_mtd");
 }
 
 int orn_mtd2(uint32_t* progress, const char* cmd, const char* device_path, const char* offset_text,
-             const char* length_text, const char* file_path, const char* file_offset_text) {
-  return dispatch(progress, true, cmd, device_path, offset_text, length_text, file_path,
-                  file_offset_text, "orn_mtd2");
+             const char* length_text, const char* file_path, const char* file_offset_text,
+             uint32_t* unverified) {
+  return dispatch(progress, unverified, true, cmd, device_path, offset_text, length_text,
+                  file_path, file_offset_text, "orn_mtd2");
 }

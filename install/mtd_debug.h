@@ -42,18 +42,23 @@ int orn_mtd(const char* cmd, const char* device_path, const char* offset_text,
             const char* length_text, const char* file_path, const char* file_offset_text);
 // Same, plus "erase_write" (incremental write with verification), which
 // returns 0 whenever the device opened. `progress` is the caller's byte
-// counter, advanced by one erase block per visited block.
+// counter, advanced by one erase block per visited block. `unverified`, when
+// given, counts the blocks that still differed from the file after the
+// fourth write: the result does not tell, the caller checks this.
 int orn_mtd2(uint32_t* progress, const char* cmd, const char* device_path, const char* offset_text,
-             const char* length_text, const char* file_path, const char* file_offset_text);
+             const char* length_text, const char* file_path, const char* file_offset_text,
+             uint32_t* unverified = nullptr);
 
 // Plain routines: 0 on success, 1 on failure.
 int erase_flash(int fd, uint32_t offset, uint32_t length);
 int flash_to_file(int fd, uint32_t offset, size_t length, const char* path);
 int file_to_flash(int fd, uint32_t offset, uint32_t length, const char* path, uint32_t file_offset);
 // Rewrites only the erase blocks that differ from the file: 0 done, 1 open,
-// seek or MEMGETINFO failure, -1 argument, allocation or block failure.
+// seek or MEMGETINFO failure, -1 argument, allocation or block failure. A
+// block that will not verify is left as it is and counted in `unverified`.
 int file_to_flash_erase_write(uint32_t* progress, int fd, uint32_t offset, uint32_t length,
-                              const char* path, uint32_t file_offset);
+                              const char* path, uint32_t file_offset,
+                              uint32_t* unverified = nullptr);
 
 // Diagnostic description of the device on stdout; 0, or 1 on failure.
 int mtd_info_dump(int fd);

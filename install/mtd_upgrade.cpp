@@ -27,6 +27,7 @@ bool camera_file_exists(const char* path) { return access(cam_path(path).c_str()
 bool write_image_partitions(const char* image_path, int32_t image_size) {
   daemon_state_t& st = daemon_state;
   uint32_t write_addr = 0;
+  uint32_t unverified = 0;  // blocks that never read back as written
   bool env_set = false;
   bool quiet = false;
   bool all_done = true;
@@ -36,17 +37,22 @@ bool write_image_partitions(const char* image_path, int32_t image_size) {
     part_place place;
     place_partition(&cursor, i, image_size, &place);
     if (!place.covered) {
-      DBG_INFO("exit mtdbug\n");
+      // The installation trace records the end even after a quiet partition.
+      INSTALL_LOG(quiet, "exit mtdbug\n");
       quiet = false;
-      DBG_INFO("ALL_MTD upgrade succeed\n");
+      INSTALL_LOG(quiet, "ALL_MTD upgrade succeed\n");
       all_done = false;
       break;
     }
     DBG_INFO("mtd_file_offset: %s\n", place.file_offset);
     INSTALL_LOG(quiet, "mtd%d write_addr 0x%x skip:%d dev_offset:%s file_offset:%s\n", i,
                 write_addr, 0, "0", place.file_offset);
+    const uint32_t unverified_before = unverified;
     orn_mtd2(&write_addr, "erase_write", place.device.c_str(), "0", place.length.c_str(),
-             image_path, place.file_offset);
+             image_path, place.file_offset, &unverified);
+    if (unverified != unverified_before) {
+      INSTALL_LOG(quiet, "mtd%d: %u block(s) not verified\n", i, unverified - unverified_before);
+    }
     if (!env_set && write_addr >= st.flash_unerase_offset) {
       set_net_upgrade_flag(1);
       set_dfu_upgrade_flag(0);
@@ -54,12 +60,18 @@ bool write_image_partitions(const char* image_path, int32_t image_size) {
       env_set = true;
     }
     if (write_addr >= static_cast<uint32_t>(image_size)) {
-      set_net_upgrade_flag(2);
-      INSTALL_LOG(quiet, "set_net_upgrade_flag(2) upgrade_file_size:0x%x\n",
-                  static_cast<uint32_t>(image_size));
+      // A block that never verified may hold anything: the boot loader must
+      // not take this image for complete.
+      if (unverified != 0) {
+        INSTALL_LOG(quiet, "%u block(s) not verified, net_upgrade_flag stays 1\n", unverified);
+      } else {
+        set_net_upgrade_flag(2);
+        INSTALL_LOG(quiet, "set_net_upgrade_flag(2) upgrade_file_size:0x%x\n",
+                    static_cast<uint32_t>(image_size));
+      }
     }
   }
-  if (all_done) DBG_INFO("ALL_MTD upgrade succeed\n");
+  if (all_done) INSTALL_LOG(quiet, "ALL_MTD upgrade succeed\n");
   return quiet;
 }
 
@@ -94,10 +106,10 @@ std::string find_image() {
   }
   char* nl = strchr(list, '\n');
   if (nl != nullptr) *nl = '\0';
-  // The name goes into shell command lines and after "/dev/": only plain
-  // names are taken.
-  if (strchr(list, ';') != nullptr || !is_safe_file_name(list)) {
-    DBG_ERR("upgrade filename error!\n");
+  // The name goes into shell command lines and after "/dev/".
+  if (!is_safe_file_name(list)) {
+    printf("upgrade filename error!");
+    fflush(stdout);
     return "";
   }
   TRACE_DATA("current mode: mtd_upgrade_func\n");
@@ -134,7 +146,8 @@ void mtd_upgrade_install() {
       DBG_INFO("current upgrademode is ALL_MTD\n");
       remove(cam_path("/data/upgrade.log").c_str());
       set_data_log_open(0);
-      TRACE_DATA("soc version: %s, device_type: %s\n", st.soc_version, st.device_model);
+      const version_texts now = current_version();
+      TRACE_DATA("soc version: %s, device_type: %s\n", now.version, now.model);
       sys().shell("echo  > /dev/orn.log");
       sys().shell("rm -rf /dev/*.log");
 

@@ -1,7 +1,7 @@
 // Whole-flash upgrade watcher and single-piece installation.
 //
 // To start a whole-flash installation, put the image into /dev/ under a name
-// that contains ".img" (letters, digits, '.', '_' and '-' only), make sure no
+// that contains ".img" (a name wire/file_name.h accepts), make sure no
 // other ".img" lies there, and create /dev/mtd_upgrade (or
 // /dev/onvif_upgrade_flag). The watcher notices within 2 seconds and always
 // ends in a reboot.
@@ -21,7 +21,8 @@ void mtd_upgrade_install();
 // Writes a whole-flash image of `image_size` bytes partition by partition,
 // in table order, every partition the image covers, and sets the
 // boot-environment flags as the run passes the boot environment and the
-// image's end. Returns whether the run ended quiet (no upgrade-log lines).
+// image's end; net_upgrade_flag stays 1 when any block never verified.
+// Returns whether the run ended quiet (no upgrade-log lines).
 bool write_image_partitions(const char* image_path, int32_t image_size);
 
 // True when an image of `image_size` bytes does not cover partition 0; such

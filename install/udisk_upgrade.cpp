@@ -84,14 +84,7 @@ std::string model_tag_of_path(const std::string& path) {
   return path.substr(us + 1, dot == std::string::npos ? std::string::npos : dot - us - 1);
 }
 
-std::string camera_model_tag() {
-  const char* model = daemon_state.device_model;
-  size_t n = strnlen(model, sizeof(daemon_state.device_model));
-  std::string tag(model, n);
-  size_t dot = tag.find('.');
-  if (dot != std::string::npos) tag.resize(dot);
-  return tag;
-}
+std::string model_tag(const char* model) { return std::string(model, strcspn(model, ".")); }
 
 void device_type_written(bool quiet) {
   set_device_type_flag();
@@ -112,9 +105,10 @@ bool write_partitions(const std::string& image) {
     part_place place;
     place_partition(&cursor, i, image_size, &place);
     if (!place.covered) {
-      DBG_INFO("exit mtdbug\n");
+      // The installation trace records the end even after a quiet partition.
+      INSTALL_LOG(quiet, "exit mtdbug\n");
       quiet = false;
-      DBG_INFO("ALL_MTD upgrade succeed\n");
+      INSTALL_LOG(quiet, "ALL_MTD upgrade succeed\n");
       break;
     }
     DBG_INFO("mtd_file_offset: %s\n", place.file_offset);
@@ -198,11 +192,14 @@ int udisk_upgrade_poll() {
   const std::string image = std::string(kDiskDir) + "/" + name;
   DBG_INFO("found file: %s\n", image.c_str());
 
-  const std::string cam_tag = camera_model_tag();
-  DBG_INFO("soc_device_type_info: %s\n", daemon_state.device_model);
+  const version_texts now = current_version();
+  const std::string cam_tag = model_tag(now.model);
+  DBG_INFO("soc_device_type_info: %s\n", now.model);
   DBG_INFO("cam_device_model: %s\n", cam_tag.c_str());
-  if (strchr(image.c_str(), ';') != nullptr || !is_safe_file_name(name.c_str())) {
-    DBG_ERR("upgrade filename error!\n");
+  // The name goes into shell command lines.
+  if (!is_safe_file_name(name.c_str())) {
+    printf("upgrade filename error!");
+    fflush(stdout);
     refuse();
     return 0;
   }

@@ -14,6 +14,7 @@
 #include "core/platform.h"
 #include "core/upgrade.h"
 #include "mcu/stm32flashloader.h"
+#include "wire/file_name.h"
 
 std::atomic<int> arm_upgrade_flag{0};
 char arm_upgrade_file_name[128];
@@ -31,15 +32,6 @@ constexpr size_t kNameLen = kListMax + 4;
 void set_busy(int value) {
   arm_upgrade_flag = value;
   daemon_state.upgrade_busy = value;
-}
-
-// Image names go into shell command lines: plain file-name characters only.
-bool safe_file_name(const char* name) {
-  for (const char* p = name; *p != '\0'; ++p) {
-    unsigned char c = static_cast<unsigned char>(*p);
-    if (!isalnum(c) && c != '.' && c != '_' && c != '-' && c != '+') return false;
-  }
-  return true;
 }
 
 void write_motor_type(const char* value) {
@@ -76,7 +68,8 @@ int found_arm_upgrade_file(const char* command, char* name_out, size_t name_size
     DBG_ERR("not found upgrade file\n");
     return 0;
   }
-  if (!safe_file_name(buf)) {
+  // Image names go into shell command lines.
+  if (!is_safe_file_name(buf)) {
     DBG_ERR("bad file name: %s\n", buf);
     DBG_ERR("not found upgrade file\n");
     return 0;

@@ -144,7 +144,7 @@ int gv7700_probe_reg(uint32_t address) {
   uint8_t rx[4] = {};
   if (spi_transfer(g_gv7700_fd, tx, rx, sizeof(tx)) < 0) return -1;
   if (memcmp(tx, rx, sizeof(tx)) != 0) return 0;
-  printf("tx_buf[0-3] == rx_buf[0-3]\n");
+  printf("tx_buf[0-3] == rx_buf[0-3]");
   fflush(stdout);
   return 1;
 }

@@ -82,7 +82,16 @@ void Stm32Sim::inject(Fault fault, int ack_index, uint8_t stray) {
 
 void Stm32Sim::reset() {
   pty_.refresh_line();
-  std::lock_guard<std::mutex> lock(mu_);
+  // The simulator thread carries the reset out between two bytes, so that a
+  // command it is still finishing (an ACK already sent, its state not yet
+  // recorded) cannot overwrite the fresh state afterwards.
+  std::unique_lock<std::mutex> lock(mu_);
+  const uint64_t ticket = ++resets_requested_;
+  reset_cv_.wait(lock, [&] { return resets_done_ >= ticket || thread_gone_; });
+}
+
+// Simulator thread, `mu_` held.
+void Stm32Sim::reset_state() {
   synced_ = false;
   running_app_ = false;
   silent_ = false;
@@ -92,6 +101,10 @@ void Stm32Sim::reset() {
   mass_erases_ = pages_erased_ = acks_ = 0;
   go_.reset();
   rx_count_ = tx_count_ = 0;
+  // What was on the line when the controller reset is lost.
+  rx_len_ = rx_pos_ = 0;
+  tcflush(pty_.master(), TCIFLUSH);
+  resets_done_ = resets_requested_;
 }
 
 void Stm32Sim::load_flash(uint32_t offset, const std::vector<uint8_t>& data) {
@@ -141,11 +154,18 @@ bool Stm32Sim::wait_idle(int timeout_ms) const {
   return idle_cv_.wait_for(lock, std::chrono::milliseconds(timeout_ms), [this] { return idle_; });
 }
 
+void Stm32Sim::throw_if_reset() {
+  std::lock_guard<std::mutex> lock(mu_);
+  if (resets_done_ != resets_requested_) throw Reset{};
+}
+
 // Next byte from the client. With pacing, the byte is only "complete" one
 // byte time after the previous one (or after it reached the pty).
 uint8_t Stm32Sim::get_byte() {
+  throw_if_reset();
   while (rx_pos_ == rx_len_) {
     if (stop_) throw Stop{};
+    throw_if_reset();
     struct pollfd p = {pty_.master(), POLLIN, 0};
     int r = poll(&p, 1, 20);
     if (r <= 0) continue;
@@ -250,44 +270,63 @@ void Stm32Sim::erase_page(uint32_t page) {
 void Stm32Sim::run() {
   try {
     for (;;) {
-      {
-        std::lock_guard<std::mutex> lock(mu_);
-        idle_ = true;
-      }
-      idle_cv_.notify_all();
-      uint8_t code = get_byte();
-      bool synced, running;
-      {
-        std::lock_guard<std::mutex> lock(mu_);
-        idle_ = false;
-        synced = synced_;
-        running = running_app_;
-      }
-      if (running) continue;  // the application owns the line now
       try {
-        if (!synced) {
-          // Autobaud: everything before the sync byte is line noise.
-          if (code != kSync) continue;
-          ack();
-          std::lock_guard<std::mutex> lock(mu_);
-          synced_ = true;
-          continue;
-        }
-        uint8_t complement = get_byte();
+        serve_one();
+      } catch (Reset) {
         {
           std::lock_guard<std::mutex> lock(mu_);
-          commands_.push_back(code);
+          reset_state();
         }
-        if (static_cast<uint8_t>(code ^ complement) != 0xFF) {
-          nack();
-          continue;
-        }
-        serve_command(code);
-      } catch (Fault) {
-        // An injected fault ended the command.
+        reset_cv_.notify_all();
       }
     }
   } catch (Stop) {
+  }
+  {
+    std::lock_guard<std::mutex> lock(mu_);
+    thread_gone_ = true;
+  }
+  reset_cv_.notify_all();
+}
+
+// Waits for the next command (or the sync byte) and serves it.
+void Stm32Sim::serve_one() {
+  {
+    std::lock_guard<std::mutex> lock(mu_);
+    idle_ = true;
+  }
+  idle_cv_.notify_all();
+  uint8_t code = get_byte();
+  bool synced, running;
+  {
+    std::lock_guard<std::mutex> lock(mu_);
+    idle_ = false;
+    synced = synced_;
+    running = running_app_;
+  }
+  if (running) return;  // the application owns the line now
+  try {
+    if (!synced) {
+      // Autobaud: everything before the sync byte is line noise.
+      if (code != kSync) return;
+      ack([&] {
+        std::lock_guard<std::mutex> lock(mu_);
+        synced_ = true;
+      });
+      return;
+    }
+    uint8_t complement = get_byte();
+    {
+      std::lock_guard<std::mutex> lock(mu_);
+      commands_.push_back(code);
+    }
+    if (static_cast<uint8_t>(code ^ complement) != 0xFF) {
+      nack();
+      return;
+    }
+    serve_command(code);
+  } catch (Fault) {
+    // An injected fault ended the command.
   }
 }
 

@@ -87,8 +87,10 @@ class Stm32Sim {
   // is replaced as `fault` says.
   void inject(Fault fault, int ack_index, uint8_t stray = 0x00);
   // Back to a freshly reset bootloader waiting for its sync byte (the flash
-  // keeps its content); faults and counters are cleared and the line is
-  // refreshed (Pty::refresh_line). Call it between client sessions.
+  // keeps its content); faults and counters are cleared, bytes still on the
+  // line are dropped and the line is refreshed (Pty::refresh_line). Returns
+  // once the simulator thread has done it, ending any command it was in.
+  // Call it between client sessions.
   void reset();
   // Preloads flash content (e.g. an older firmware).
   void load_flash(uint32_t offset, const std::vector<uint8_t>& data);
@@ -111,7 +113,11 @@ class Stm32Sim {
 
  private:
   struct Stop {};
+  struct Reset {};
   void run();
+  void serve_one();
+  void reset_state();
+  void throw_if_reset();
   void serve_command(uint8_t code);
   uint8_t get_byte();
   void send(const uint8_t* data, size_t len);
@@ -150,7 +156,12 @@ class Stm32Sim {
   bool running_app_ = false;
   bool idle_ = true;
   bool silent_ = false;
-  bool reset_requested_ = false;
+  // reset(): requests counted by the caller, carried out by the simulator
+  // thread at its next byte.
+  uint64_t resets_requested_ = 0;
+  uint64_t resets_done_ = 0;
+  bool thread_gone_ = false;
+  std::condition_variable reset_cv_;
   struct Injected {
     Fault fault;
     int index;

@@ -1,7 +1,9 @@
 // Shell, process and file helpers, observed through the fake platform.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <linux/watchdog.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstring>
 #include <string>
@@ -122,6 +124,17 @@ TEST_F(Helpers, WatchdogRebootArmsAndNeverFeeds) {
   EXPECT_NE(out.find("wdt time 1s"), std::string::npos);
 }
 
+// The real device is opened close-on-exec: a forked installer must not keep
+// the armed watchdog.
+TEST_F(Helpers, WatchdogDescriptorIsNotInherited) {
+  cam.write("/dev/watchdog", "");
+  Platform real;
+  int fd = real.watchdog_open(cam.path("/dev/watchdog").c_str());
+  ASSERT_GE(fd, 0);
+  EXPECT_NE(fcntl(fd, F_GETFD) & FD_CLOEXEC, 0);
+  close(fd);
+}
+
 TEST_F(Helpers, RebootSequenceArmsWaitsAndReboots) {
   fake.watchdog_present = true;
   reboot_sequence();
@@ -221,6 +234,11 @@ TEST_F(Helpers, DiskTrailerCountsPartitionBits) {
   EXPECT_EQ(list, 11);
   EXPECT_EQ(len, 14);
   cam.write("/dev/img", body + std::string("UZ\xAA\xA5<v1><0.11>", 14));
+  EXPECT_EQ(check_disk_info("/dev/img", &total, &list, &len), -1);
+  // Numbers past an int are refused, not wrapped (2^32 + 1 would pass as 1).
+  cam.write("/dev/img", body + std::string("UZ\xAA\xA5<v><4294967297.1>", 21));
+  EXPECT_EQ(check_disk_info("/dev/img", &total, &list, &len), -1);
+  cam.write("/dev/img", body + std::string("UZ\xAA\xA5<v><1.99999999999>", 22));
   EXPECT_EQ(check_disk_info("/dev/img", &total, &list, &len), -1);
   cam.write("/dev/img", "tiny");
   EXPECT_EQ(check_disk_info("/dev/img", &total, &list, &len), -1);

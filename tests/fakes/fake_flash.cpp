@@ -73,6 +73,10 @@ void FakeFlash::fail_read(int dev, uint32_t block) {
   std::lock_guard<std::mutex> lock(mu_);
   dev_.at(dev).read_fail.insert(block);
 }
+void FakeFlash::short_read(int dev, uint32_t block, size_t keep) {
+  std::lock_guard<std::mutex> lock(mu_);
+  dev_.at(dev).read_short[block] = keep;
+}
 void FakeFlash::fail_verify(int dev, uint32_t block, int times) {
   std::lock_guard<std::mutex> lock(mu_);
   dev_.at(dev).weak[block] = times;
@@ -280,6 +284,8 @@ ssize_t FakeFlash::read(int fd, void* buf, size_t count) {
   }
   const uint32_t es = d->info.erasesize;
   size_t n = std::min<uint64_t>(count, d->info.size - h->pos);
+  auto cut = d->read_short.find(static_cast<uint32_t>(h->pos / es));
+  if (cut != d->read_short.end()) n = std::min(n, cut->second);
   for (uint64_t a = h->pos; a < h->pos + n; a += es - a % es) {
     if (d->read_fail.count(static_cast<uint32_t>(a / es)) != 0) {
       errno = EIO;

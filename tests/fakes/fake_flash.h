@@ -50,6 +50,8 @@ class FakeFlash : public MtdDevices {
   void fail_erase(int dev, uint32_t block);
   void fail_write(int dev, uint32_t block);
   void fail_read(int dev, uint32_t block);
+  // A read that starts in this block returns at most `keep` bytes, no error.
+  void short_read(int dev, uint32_t block, size_t keep);
   // The next `times` programs of this block store a corrupted copy.
   void fail_verify(int dev, uint32_t block, int times);
   void fail_open(const std::string& path);
@@ -90,6 +92,7 @@ class FakeFlash : public MtdDevices {
     std::vector<bool> bad;
     std::vector<bool> erased;
     std::set<uint32_t> erase_fail, write_fail, read_fail;
+    std::map<uint32_t, size_t> read_short;
     std::map<uint32_t, int> weak;
     std::vector<region_info_user> regions;
   };

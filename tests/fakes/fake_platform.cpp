@@ -12,6 +12,8 @@
 #include <sstream>
 #include <thread>
 
+#include "core/dbgout.h"
+
 namespace fs = std::filesystem;
 
 void FakePlatform::on(const std::string& match, const std::string& output, int status) {
@@ -228,9 +230,14 @@ FakeCamera::FakeCamera() {
   previous_ = set_platform(&platform_);
   previous_root_ = camera_root();
   set_camera_root(root_);
+  // Each camera writes its own log files (the trace log keeps its stream).
+  set_data_log_open(0);
+  set_network_log_open(0);
 }
 
 FakeCamera::~FakeCamera() {
+  set_data_log_open(0);
+  set_network_log_open(0);
   set_platform(previous_);
   set_camera_root(previous_root_);
   std::error_code ec;

@@ -1,6 +1,11 @@
 #include "install/image_layout.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cstring>
+#include <thread>
 
 #include "install_fixture.h"
 
@@ -78,15 +83,39 @@ TEST_F(ImageLayoutTest, FlagWriters) {
       cam.platform().events());
 }
 
-TEST_F(ImageLayoutTest, DeviceTypeFlagTakesModelUpToDot) {
-  std::strcpy(daemon_state.device_model, "K1.x");
+// The model is no file name: any text reaches fw_setenv as one word.
+TEST_F(ImageLayoutTest, DeviceTypeFlagQuotesModelUpToDot) {
+  for (const char* model : {"K1.x", "PTZ-4K_B", "K1;reboot", "it's $(x).T2"}) {
+    std::strcpy(daemon_state.device_model, model);
+    set_device_type_flag();
+  }
+  EXPECT_EQ((std::vector<std::string>{"/bin/fw_setenv mode_type 'K1'",
+                                      "/bin/fw_setenv mode_type 'PTZ-4K_B'",
+                                      "/bin/fw_setenv mode_type 'K1;reboot'",
+                                      "/bin/fw_setenv mode_type 'it'\\''s $(x)'"}),
+            cam.platform().commands());
+}
+
+// A reader running while another thread refreshes the texts sees the former
+// model, not a cleared one. The model file is a FIFO: the refresh is held
+// inside its read until the test writes the new model.
+TEST_F(ImageLayoutTest, ModelRefreshedMeanwhileIsNeverSeenEmpty) {
+  cam.write("/customer/version_file", "V1\n");
+  cam.write("/customer/device_model_file", "K1.T\n");
+  read_version();
+  const std::string fifo = cam.path("/customer/device_model_file");
+  std::remove(fifo.c_str());
+  ASSERT_EQ(0, mkfifo(fifo.c_str(), 0600));
+  std::thread refresh([] { read_version(); });
+  const int w = open(fifo.c_str(), O_WRONLY);  // returns once the refresh has opened it
+  ASSERT_GE(w, 0);
   set_device_type_flag();
-  std::strcpy(daemon_state.device_model, "PTZ-4K_B");
+  ASSERT_EQ(5, write(w, "K2.T\n", 5));
+  close(w);
+  refresh.join();
   set_device_type_flag();
-  std::strcpy(daemon_state.device_model, "K1;reboot");
-  EXPECT_EQ(-1, set_device_type_flag());
-  EXPECT_EQ((std::vector<std::string>{"/bin/fw_setenv mode_type K1",
-                                      "/bin/fw_setenv mode_type PTZ-4K_B"}),
+  EXPECT_EQ((std::vector<std::string>{"/bin/fw_setenv mode_type 'K1'",
+                                      "/bin/fw_setenv mode_type 'K2'"}),
             cam.platform().commands());
 }
 

@@ -44,6 +44,12 @@ inline std::string hex8(uint32_t v) {
   return buf;
 }
 
+// The value fw_setenv receives from a quoted word (no quote inside).
+inline std::string shell_word(const std::string& text) {
+  bool quoted = text.size() >= 2 && text.front() == '\'' && text.back() == '\'';
+  return quoted ? text.substr(1, text.size() - 2) : text;
+}
+
 class InstallTest : public ::testing::Test {
  protected:
   void SetUp() override { reset_daemon_state(); }
@@ -81,7 +87,7 @@ class InstallTest : public ::testing::Test {
         size_t sp = rest.find(' ');
         if (sp == std::string::npos) continue;
         std::lock_guard<std::mutex> lock(env_mu);
-        env[rest.substr(0, sp)] = rest.substr(sp + 1);
+        env[rest.substr(0, sp)] = shell_word(rest.substr(sp + 1));
       }
     });
   }

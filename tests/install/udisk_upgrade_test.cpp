@@ -68,6 +68,9 @@ TEST_F(UdiskTest, DifferentBootLoaderIsWrittenAndLoopEndsAtPartitionOne) {
   EXPECT_TRUE(Bytes(img.begin(), img.begin() + 0x80000) == flash.data(0));
   EXPECT_TRUE(Bytes(0x100000, 0xFF) == flash.data(1)) << "partition 1 is never touched";
   EXPECT_THAT(out, HasSubstr("exit mtdbug\n"));
+  const std::string log = cam.read("/data/upgrade.log");
+  EXPECT_THAT(log, HasSubstr("exit mtdbug\n"));
+  EXPECT_THAT(log, HasSubstr("ALL_MTD upgrade succeed\n"));
   EXPECT_EQ("2", flag("net_upgrade_flag"));
   EXPECT_EQ("K1", flag("mode_type"));
   EXPECT_EQ(1, daemon_state.upgrade_busy.load());
@@ -82,7 +85,7 @@ TEST_F(UdiskTest, DifferentBootLoaderIsWrittenAndLoopEndsAtPartitionOne) {
       "dd if=/dev/mtd0.bin of=/dev/mtd0_ext.bin bs=393216 count=1",
       "cmp /dev/u-boot.bin /dev/mtd0_ext.bin;echo $?",
       "rm -rf /dev/u-boot.bin",
-      "/bin/fw_setenv mode_type K1",
+      "/bin/fw_setenv mode_type 'K1'",
       "/dev/fw_setenv net_upgrade_flag 2"};
   EXPECT_EQ(expect, cam.platform().commands());
   EXPECT_EQ(1, cam.platform().reboots());
@@ -123,16 +126,38 @@ TEST_F(UdiskTest, RefusalsReportStatusTwoAndKeepWaiting) {
   expect_refused({2});
 }
 
-TEST_F(UdiskTest, UnsafeOrShortImagesAreRefused) {
-  for (const char* name : {"fw_K1;reboot.img", "fw_K1 $(x).img", "fw_K1.img"}) {
+// Hostile names that match the model and fill the boot partition: only the
+// name rule stands between them and the shell.
+TEST_F(UdiskTest, UnsafeNamesAreRefusedWhateverElseMatches) {
+  for (const char* name : {"x;reboot_K1.img", "$(reboot)_K1.img", "a b_K1.img", "`id`_K1.img",
+                           "a|b_K1.img", "it's_K1.img"}) {
     g_sent.clear();
     cam.platform().clear();
     std::filesystem::remove_all(cam.path("/mnt/usb"));
-    // The plain name is refused too: it is shorter than the boot partition.
-    cam.write(std::string("/mnt/usb/") + name, as_text(pattern(0x7FFFF, 4)));
-    EXPECT_EQ(0, poll()) << name;
+    cam.write(std::string("/mnt/usb/") + name, as_text(pattern(0x200000, 4)));
+    std::string out;
+    EXPECT_EQ(0, poll(&out)) << name;
+    EXPECT_THAT(out, HasSubstr("\nupgrade filename error!")) << name;  // no console prefix
     expect_refused({2});
   }
+}
+
+TEST_F(UdiskTest, ImageShorterThanTheBootPartitionIsRefused) {
+  cam.write("/mnt/usb/fw_K1.img", as_text(pattern(0x7FFFF, 4)));
+  EXPECT_EQ(0, poll());
+  expect_refused({2});
+}
+
+// Leaving the loop clears quiet: the end reaches the upgrade log even when
+// the partition it ends at silenced it.
+TEST_F(UdiskTest, UpgradeLogRecordsTheEndAfterAQuietPartition) {
+  FakeFlash chip;
+  partitions({{0x80000, "boot"}, {0x100000, "data"}}, 0x10000, kNor, &chip);
+  cam.write("/mnt/usb/fw_K1.img", as_text(pattern(0x180000, 12)));
+  EXPECT_EQ(1, poll());
+  const std::string log = cam.read("/data/upgrade.log");
+  EXPECT_EQ(std::string::npos, log.find("exit mtdbug")) << log;
+  EXPECT_THAT(log, HasSubstr("ALL_MTD upgrade succeed\n"));
 }
 
 TEST_F(UdiskTest, EraseOrWriteFailureRebootsAtOnce) {

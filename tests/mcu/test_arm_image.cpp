@@ -5,6 +5,7 @@
 
 #include "core/upgrade.h"
 #include "sim/stm32/stm32_sim.h"
+#include "wire/file_name.h"
 #include "mcu_test_util.h"
 
 namespace {
@@ -28,6 +29,19 @@ TEST(ArmVersionTest, VersionComesFromTheImageName) {
   char small[4];
   arm_version_from_name(kType1, small, sizeof(small));
   EXPECT_STREQ(small, "1.2");
+}
+
+// Controller images follow the one file-name rule of every installer.
+TEST(ArmImageNameTest, ListedNamesFollowTheFileNameRule) {
+  FakeCamera cam;
+  for (const char* name : {"X_ARM_V1+2_TYPE1.bin", "X_ARM_V1,2_TYPE1.bin", "X_ARM_V1@2.bin",
+                           "a;b_ARM_.bin", "$(x)_ARM_.bin", "a b_ARM_.bin", "x*_ARM_.bin"}) {
+    cam.platform().on("grep _ARM_", std::string(name) + "\n");
+    char found[300] = {};
+    EXPECT_EQ(found_arm_upgrade_file("/bin/ls /customer/ | grep _ARM_", found, sizeof(found)),
+              is_safe_file_name(name) ? 1 : 0)
+        << name;
+  }
 }
 
 class CheckArmTest : public testing::Test {

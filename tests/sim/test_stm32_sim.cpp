@@ -5,6 +5,8 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <fcntl.h>
+#include <poll.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -78,5 +80,34 @@ TEST_P(Stm32flashTest, WritesVerifiesAndReadsBack) {
 
 INSTANTIATE_TEST_SUITE_P(EraseCommands, Stm32flashTest, testing::Values(0x43, 0x44),
                          [](const auto& info) { return info.param == 0x43 ? "Erase" : "ExtendedErase"; });
+
+// A reset in the middle of a command: the simulator drops it and waits for
+// the sync byte again (the bound only decides when a missing answer fails).
+TEST(Stm32SimTest, ResetEndsAHalfSentCommandAndWaitsForSyncAgain) {
+  Stm32Sim sim;
+  int fd = open(sim.device().c_str(), O_RDWR | O_NOCTTY);
+  ASSERT_GE(fd, 0);
+  auto send = [fd](std::vector<uint8_t> b) {
+    return write(fd, b.data(), b.size()) == static_cast<ssize_t>(b.size());
+  };
+  auto answer = [fd] {
+    struct pollfd p = {fd, POLLIN, 0};
+    uint8_t b = 0;
+    return poll(&p, 1, 10000) == 1 && read(fd, &b, 1) == 1 ? b : -1;
+  };
+  ASSERT_TRUE(send({0x7F}));
+  ASSERT_EQ(answer(), 0x79);
+  ASSERT_TRUE(send({0x31, 0xCE}));
+  ASSERT_EQ(answer(), 0x79);
+  ASSERT_TRUE(send({0x08, 0x00}));  // two of the five address bytes
+
+  sim.reset();
+  EXPECT_EQ(sim.acks_sent(), 0);
+  ASSERT_TRUE(send({0x7F}));
+  EXPECT_EQ(answer(), 0x79);
+  EXPECT_EQ(sim.acks_sent(), 1);
+  EXPECT_TRUE(sim.writes().empty());
+  close(fd);
+}
 
 }  // namespace

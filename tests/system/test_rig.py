@@ -242,6 +242,15 @@ def test_teardown_leaves_nothing_behind(rig_session):
     assert not any(c.root.exists() for c in cams)
 
 
+def comm_of(pid):
+    """The process's name; None once it has ended (the camera's short-lived
+    shell commands may end between the listing and the read)."""
+    try:
+        return open(f"/proc/{pid}/comm").read().strip()
+    except OSError:
+        return None
+
+
 def test_sweep_cleans_up_after_a_killed_run(upgrade_bin):
     script = (
         "import sys, time\n"
@@ -260,7 +269,7 @@ def test_sweep_cleans_up_after_a_killed_run(upgrade_bin):
         left = rig.leftovers(run.pid)
         assert left["netns"] and left["mounts"]
         assert {"init", "upgrade", "unshare", "udhcpd"} <= {
-            open(f"/proc/{pid}/comm").read().strip() for pid, _o, _c in left["processes"]}
+            comm_of(pid) for pid, _o, _c in left["processes"]}
     finally:
         run.kill()
         run.wait()

@@ -66,7 +66,10 @@ TEST(SdiProbeTest, Gv7700EchoPassesTiedLowOrWrongModeFails) {
   FakeCamera cam;
   {
     FakeSpiBus bus(std::make_shared<FakeGv7700>());
+    CaptureStdout();
     EXPECT_EQ(gv7700_check(1), 1);
+    EXPECT_THAT(GetCapturedStdout(),
+                HasSubstr("tx_buf[0-3] == rx_buf[0-3]gv7700 after set: value: 1 \n"));
     EXPECT_EQ(gv7700_check(2), 1);
     EXPECT_EQ(gv7700_check(3), 0);
     EXPECT_EQ(bus.transfers().size(), 2u);

@@ -150,7 +150,6 @@ class Stm32Sim {
   bool running_app_ = false;
   bool idle_ = true;
   bool silent_ = false;
-  bool reset_requested_ = false;
   struct Injected {
     Fault fault;
     int index;

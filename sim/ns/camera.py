@@ -34,7 +34,7 @@ from lan import Lan, Listener, Reply, search_datagram  # noqa: F401  (re-exporte
 from rigbase import (  # noqa: F401  (re-exported)
     BATCH_GROUP, CAMERA_PATH, CLONE_NEWNET, CONTROL_PORT, HERE, LAUNCH, NETNS_PREFIX, NS_KINDS,
     ROOTFS, SEARCH_GROUP, SESSION_PREFIX, TCP_PORT, TOOL_PATH, RigError, in_netns, ns_link,
-    outside_namespaces, parent_of, pid_alive, run, shell_quote, wait_until)
+    outside_namespaces, parent_of, pid_alive, run, shell_quote, wait_until, TIME_SCALE)
 from session import (  # noqa: F401  (re-exported)
     Session, leftovers, shared_libraries, sweep_stale)
 from tracking import TRACKING_PORT, TrackingService  # noqa: F401  (re-exported)
@@ -145,7 +145,7 @@ class Camera(CameraFiles):
                     return line
             return None
 
-        deadline = time.monotonic() + timeout
+        deadline = time.monotonic() + timeout * TIME_SCALE
         while True:
             line = find()
             if line is not None:

@@ -1,0 +1,309 @@
+#include "camtool/commands.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <nlohmann/json.hpp>
+
+#include "camtool/finder.h"
+#include "camtool/output.h"
+#include "wire/replies.h"
+#include "wire/text.h"
+
+namespace camtool {
+
+namespace {
+
+using nlohmann::json;
+
+std::string camera_name(const wire::camera_record& c) {
+  return c.device_id + (c.ip.empty() ? "" : " (" + c.ip + ")");
+}
+
+[[noreturn]] void no_reply(const wire::camera_record& c, const char* what, double timeout) {
+  throw tool_error("no " + std::string(what) + " from " + camera_name(c) + " within " +
+                       seconds_text(timeout),
+                   kExitFailed);
+}
+
+// A reply to this tool's command from this camera.
+std::function<bool(const datagram&)> reply_from(const char* keyword, const std::string& device_id,
+                                                const std::string& client_id) {
+  return [=](const datagram& d) {
+    auto r = wire::parse_id_reply(keyword, d.data);
+    return r && r->device_id == device_id && r->client_id == client_id;
+  };
+}
+
+std::string field(const wire::id_reply& r, const std::string& key) {
+  for (const auto& [k, v] : r.fields)
+    if (k == key) return v;
+  return "";
+}
+
+// Sends a command that makes the camera store settings and reboot, and
+// waits for its "SUCCEED *".
+int settings_command(command_context& ctx, const wire::camera_record& c, const std::string& request,
+                     json settings) {
+  auto got = exchange(ctx.lan(), channel::search, request, ctx.timeout, 0,
+                      reply_from(wire::kKeywords[wire::KW_SUCCEED], c.device_id, ctx.client_id));
+  if (!got) no_reply(c, "confirmation", ctx.timeout);
+  if (ctx.json) {
+    ctx.out << json{{"device_id", c.device_id}, {"ip", c.ip}, {"accepted", true},
+                    {"settings", settings}}
+                   .dump()
+            << "\n";
+  } else {
+    ctx.out << camera_name(c) << ": accepted; the camera reboots to apply it (about 7 s)\n";
+  }
+  return 0;
+}
+
+}  // namespace
+
+std::optional<datagram> exchange(transport& net, channel ch, const std::string& request,
+                                 double timeout, double resend,
+                                 const std::function<bool(const datagram&)>& match) {
+  time_point end = after(net.now(), timeout);
+  while (!interrupted()) {
+    net.send(ch, request);
+    time_point until = resend > 0 ? std::min(end, after(net.now(), resend)) : end;
+    while (auto d = net.receive(until))
+      if (match(*d)) return d;
+    if (net.now() >= end) break;
+  }
+  return std::nullopt;
+}
+
+void check_confignet(const confignet_flags& f) {
+  if (!f.dhcp && !f.ip && !f.mask && !f.gateway && !f.dns && !f.mac)
+    throw tool_error("nothing to set: give at least one of --dhcp, --ip, --mask, --gateway, --dns, --mac");
+  if (f.dhcp && *f.dhcp != "on" && *f.dhcp != "off")
+    throw tool_error("--dhcp takes on or off, not '" + *f.dhcp + "'");
+  for (const auto& [flag, value] : {std::pair{"--ip", f.ip}, {"--gateway", f.gateway}, {"--dns", f.dns}})
+    if (value && !wire::is_ipv4(*value))
+      throw tool_error(std::string(flag) + " '" + *value + "' is not an IPv4 address");
+  if (f.mask && !wire::is_netmask(*f.mask))
+    throw tool_error("--mask '" + *f.mask + "' is not a netmask (such as 255.255.255.0)");
+  if (f.mac && !wire::normal_mac(*f.mac))
+    throw tool_error("--mac '" + *f.mac + "' is not a unicast MAC address (such as 02:12:34:56:78:9a)");
+}
+
+wire::net_settings merge_settings(const wire::camera_record& now, const confignet_flags& f) {
+  wire::net_settings s;
+  s.dhcp = f.dhcp ? *f.dhcp == "on" : now.dhcp;
+  s.ipaddr = f.ip.value_or(now.ip);
+  s.netmask = f.mask.value_or(now.netmask);
+  s.gateway = f.gateway.value_or(now.gateway);
+  s.fdns = f.dns.value_or(now.fdns);
+  s.macaddr = f.mac ? *wire::normal_mac(*f.mac) : now.mac;
+  return s;
+}
+
+int cmd_confignet(command_context& ctx, const std::string& who, const confignet_flags& f) {
+  check_confignet(f);
+  check_camera_argument(who);
+  wire::camera_record c = resolve(ctx.lan(), ctx.client_id, who, ctx.search_wait);
+  wire::net_settings s = merge_settings(c, f);
+  json settings = {{"dhcp", s.dhcp},       {"ipaddr", s.ipaddr}, {"netmask", s.netmask},
+                   {"gateway", s.gateway}, {"fdns", s.fdns},     {"macaddr", s.macaddr}};
+  if (!ctx.json)
+    ctx.err << camera_name(c) << ": dhcp=" << (s.dhcp ? 1 : 0) << " ipaddr=" << s.ipaddr
+            << " netmask=" << s.netmask << " gateway=" << s.gateway << " fdns=" << s.fdns
+            << " macaddr=" << s.macaddr << "\n";
+  return settings_command(ctx, c, wire::confignet_request(c.device_id, ctx.client_id, s), settings);
+}
+
+int cmd_lumconfig(command_context& ctx, const std::string& who, const std::optional<std::string>& serial,
+                  const std::optional<std::string>& mac) {
+  if (!serial && !mac) throw tool_error("nothing to set: give --serial, --mac or both");
+  if (serial && (!wire::is_serial_text(*serial) || serial->find("Mac Address:") != std::string::npos))
+    throw tool_error("--serial takes 1 to " + std::to_string(wire::kSerialMax) +
+                     " printable characters");
+  if (mac && !wire::normal_mac(*mac))
+    throw tool_error("--mac '" + *mac + "' is not a unicast MAC address (such as 02:12:34:56:78:9a)");
+  check_camera_argument(who);
+  wire::camera_record c = resolve(ctx.lan(), ctx.client_id, who, ctx.search_wait);
+  // Both travel in every command: keep the camera's own for the one not given.
+  std::string s = serial.value_or(c.serial);
+  std::string m = mac ? *wire::normal_mac(*mac) : c.mac;
+  return settings_command(ctx, c, wire::lumconfig_request(c.device_id, ctx.client_id, s, m),
+                          json{{"serial", s}, {"mac", m}});
+}
+
+int cmd_reboot(command_context& ctx, const std::string& who, bool wait) {
+  check_camera_argument(who);
+  transport& net = ctx.lan();
+  wire::camera_record c = resolve(net, ctx.client_id, who, ctx.search_wait);
+  time_point sent = net.now();
+  net.send(channel::search, wire::addressed_request(wire::KW_CAMERA_RE, c.device_id, ctx.client_id));
+  if (!wait) {
+    ctx.out << camera_name(c) << ": reboot sent (the camera does not answer this command)\n";
+    return 0;
+  }
+  // The camera answers searches until it goes down, some seconds later.
+  time_point last = sent, end = after(sent, ctx.timeout);
+  const double silent = 2.0;
+  while (!interrupted() && net.now() < end) {
+    search(net, ctx.client_id, kResendInterval, [&](const camera_map& m) {
+      if (m.count(c.device_id)) last = net.now();
+      return false;
+    });
+    if (between(last, net.now()) >= silent) {
+      ctx.out << camera_name(c) << ": rebooting (silent since " << seconds_text(between(sent, last))
+              << " after the command)\n";
+      return 0;
+    }
+  }
+  throw tool_error(camera_name(c) + " still answers " + seconds_text(ctx.timeout) +
+                       " after the reboot command",
+                   kExitFailed);
+}
+
+int cmd_flicker(command_context& ctx, const std::string& who, const std::string& state) {
+  if (state != "on" && state != "off") throw tool_error("flicker takes on or off, not '" + state + "'");
+  check_camera_argument(who);
+  wire::camera_record c = resolve(ctx.lan(), ctx.client_id, who, ctx.search_wait);
+  ctx.lan().send(channel::search, wire::flicker_request(c.device_id, ctx.client_id, state == "on"));
+  ctx.out << camera_name(c) << ": LED flicker " << state
+          << " sent (the camera does not answer this command)\n";
+  return 0;
+}
+
+int cmd_board_test(command_context& ctx, const std::string& who, wire::board_test_options o) {
+  if (!o.type.empty() && !wire::is_board_type(o.type))
+    throw tool_error("--type '" + o.type + "' is not a board type");
+  check_camera_argument(who);
+  wire::camera_record c = resolve(ctx.lan(), ctx.client_id, who, ctx.search_wait);
+  if (o.type.empty()) {
+    o.type = c.model.substr(0, c.model.find('.'));
+    if (!wire::is_board_type(o.type))
+      throw tool_error("the camera's model '" + c.model + "' names no board type: give --type");
+  }
+  ctx.err << camera_name(c) << ": board test, type " << o.type
+          << " (it stops the camera's main application: reboot the camera afterwards)\n";
+  auto got = exchange(ctx.lan(), channel::search,
+                      wire::board_test_request(c.device_id, ctx.client_id, o), ctx.timeout, 0,
+                      [&](const datagram& d) {
+                        auto r = wire::parse_board_test(d.data);
+                        return r && r->device_id == c.device_id && r->client_id == ctx.client_id;
+                      });
+  if (!got) no_reply(c, "board test result", ctx.timeout);
+  wire::board_test_result r = *wire::parse_board_test(got->data);
+  bool passed = r.finished;
+  json checks = json::object();
+  std::vector<std::vector<std::string>> rows;
+  for (const auto& [name, ok] : r.checks) {
+    checks[name] = ok == 1;
+    passed = passed && ok == 1;
+    rows.push_back({name, ok == 1 ? "pass" : "FAIL"});
+  }
+  if (ctx.json) {
+    ctx.out << json{{"device_id", r.device_id}, {"ip", r.ip},          {"mac", r.mac},
+                    {"version", r.version},     {"type", o.type},      {"checks", checks},
+                    {"finished", r.finished},   {"passed", passed}}
+                   .dump()
+            << "\n";
+  } else {
+    ctx.out << camera_name(c) << "  type " << o.type << "  firmware " << r.version << "  MAC "
+            << r.mac << "\n";
+    print_table(ctx.out, {"CHECK", "RESULT"}, rows);
+    ctx.out << (r.finished ? "test finished" : "test did not report its end")
+            << (passed ? ", passed\n" : ", FAILED\n");
+  }
+  return passed ? 0 : kExitFailed;
+}
+
+std::map<std::string, query_answer> query_cameras(transport& net, const std::string& client_id,
+                                                  const std::vector<std::string>& ids, double timeout) {
+  std::map<std::string, query_answer> got;
+  time_point end = after(net.now(), timeout);
+  while (got.size() < ids.size() && net.now() < end && !interrupted()) {
+    std::vector<std::string> ask;
+    for (const auto& id : ids)
+      if (!got.count(id)) ask.push_back(id);
+    // Asked again each second, only the cameras that have not answered.
+    exchange(net, channel::batch, wire::query_request(ask, client_id),
+             std::min(1.0, between(net.now(), end)), 0, [&](const datagram& d) {
+               auto r = wire::parse_id_reply(wire::kReplyQuery, d.data);
+               if (r && r->client_id == client_id &&
+                   std::find(ids.begin(), ids.end(), r->device_id) != ids.end())
+                 got[r->device_id] = {field(*r, "Version"), wire::parse_mtd_info(field(*r, "MtdInfo"))};
+               return got.size() == ids.size();
+             });
+  }
+  return got;
+}
+
+int cmd_query(command_context& ctx, const std::vector<std::string>& who) {
+  for (const std::string& w : who) check_camera_argument(w);
+  transport& net = ctx.lan();
+  std::vector<wire::camera_record> cams;
+  for (const std::string& w : who) {
+    if (wire::is_device_id(w)) {
+      wire::camera_record c;
+      c.device_id = w;
+      cams.push_back(c);
+    } else {
+      cams.push_back(resolve(net, ctx.client_id, w, ctx.search_wait));
+    }
+  }
+  std::vector<std::string> ids;
+  for (const auto& c : cams) ids.push_back(c.device_id);
+  std::map<std::string, query_answer> got = query_cameras(net, ctx.client_id, ids, ctx.timeout);
+  int status = 0;
+  for (const auto& c : cams) {
+    auto it = got.find(c.device_id);
+    if (it == got.end()) {
+      ctx.err << "camtool: no query reply from " << camera_name(c) << " within "
+              << seconds_text(ctx.timeout) << "\n";
+      status = kExitFailed;
+      continue;
+    }
+    const auto& parts = it->second.partitions;
+    json jparts = json::array();
+    std::vector<std::vector<std::string>> rows;
+    for (size_t i = 0; i < parts.size(); ++i) {
+      int mode = static_cast<int>(i) + 5;  // single-partition upgrade modes
+      std::string mode_text = mode <= 9 ? std::to_string(mode) : "-";
+      jparts.push_back({{"dev", parts[i].dev},
+                        {"name", parts[i].name},
+                        {"size", parts[i].size},
+                        {"erasesize", parts[i].erasesize},
+                        {"mode", mode <= 9 ? json(mode) : json(nullptr)}});
+      rows.push_back({parts[i].dev, parts[i].name, human_bytes(parts[i].size),
+                      human_bytes(parts[i].erasesize), mode_text});
+    }
+    if (ctx.json) {
+      ctx.out << json{{"device_id", c.device_id}, {"version", it->second.version},
+                      {"partitions", jparts}}
+                     .dump()
+              << "\n";
+    } else {
+      ctx.out << c.device_id << "  firmware " << it->second.version << "\n";
+      print_table(ctx.out, {"DEV", "NAME", "SIZE", "ERASE", "UPGRADE MODE"}, rows);
+    }
+  }
+  return status;
+}
+
+int cmd_production(command_context& ctx, const std::string& who) {
+  check_camera_argument(who);
+  wire::camera_record c = resolve(ctx.lan(), ctx.client_id, who, ctx.search_wait);
+  auto got = exchange(ctx.lan(), channel::search,
+                      wire::addressed_request(wire::KW_PRODUCTIO, c.device_id, ctx.client_id),
+                      ctx.timeout, 1.0,
+                      reply_from(wire::kKeywords[wire::KW_PRODUCTIO], c.device_id, ctx.client_id));
+  if (!got) no_reply(c, "production counters", ctx.timeout);
+  auto r = *wire::parse_id_reply(wire::kKeywords[wire::KW_PRODUCTIO], got->data);
+  std::string boots = field(r, "boot_times"), curves = field(r, "curve_times");
+  if (ctx.json)
+    ctx.out << json{{"device_id", c.device_id}, {"boot_times", strtoll(boots.c_str(), nullptr, 10)},
+                    {"curve_times", strtoll(curves.c_str(), nullptr, 10)}}
+                   .dump()
+            << "\n";
+  else
+    ctx.out << camera_name(c) << "  boot_times " << boots << "  curve_times " << curves << "\n";
+  return 0;
+}
+
+}  // namespace camtool

@@ -1,0 +1,62 @@
+// The commands for one camera named by its device ID or address:
+// confignet, reboot, flicker, board-test, query, production, lumconfig.
+// Each checks its input before anything is sent, waits for the camera's
+// reply with a timeout and says plainly when none came.
+#pragma once
+
+#include <functional>
+#include <map>
+#include <optional>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "camtool/net.h"
+#include "wire/commands.h"
+#include "wire/replies.h"
+
+namespace camtool {
+
+struct command_context {
+  lazy_lan& lan;
+  std::string client_id;
+  std::ostream& out;
+  std::ostream& err;
+  bool json = false;
+  double timeout = 3.0;      // for the reply
+  double search_wait = 3.0;  // for finding the camera
+};
+
+struct confignet_flags {
+  std::optional<std::string> dhcp, ip, mask, gateway, dns, mac;
+};
+// The settings to send: the flags over the camera's current ones. Throws
+// tool_error for a malformed value.
+void check_confignet(const confignet_flags& f);
+wire::net_settings merge_settings(const wire::camera_record& now, const confignet_flags& f);
+
+int cmd_confignet(command_context& ctx, const std::string& who, const confignet_flags& f);
+int cmd_reboot(command_context& ctx, const std::string& who, bool wait);
+int cmd_flicker(command_context& ctx, const std::string& who, const std::string& state);
+int cmd_board_test(command_context& ctx, const std::string& who, wire::board_test_options o);
+int cmd_query(command_context& ctx, const std::vector<std::string>& who);
+int cmd_production(command_context& ctx, const std::string& who);
+int cmd_lumconfig(command_context& ctx, const std::string& who, const std::optional<std::string>& serial,
+                  const std::optional<std::string>& mac);
+
+// The firmware query, asked of many cameras in one batch command and again
+// of those that have not answered; by device ID.
+struct query_answer {
+  std::string version;
+  std::vector<wire::partition> partitions;
+};
+std::map<std::string, query_answer> query_cameras(transport& net, const std::string& client_id,
+                                                  const std::vector<std::string>& ids, double timeout);
+
+// Waits for the first datagram `match` accepts, sending `request` first and
+// again every `resend` seconds (0: once).
+std::optional<datagram> exchange(transport& net, channel ch, const std::string& request,
+                                 double timeout, double resend,
+                                 const std::function<bool(const datagram&)>& match);
+
+}  // namespace camtool

@@ -1,0 +1,206 @@
+// camtool: the LAN tool that finds, configures and upgrades cameras.
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <iostream>
+#include <map>
+
+#include "camtool/commands.h"
+#include "camtool/finder.h"
+#include "camtool/net.h"
+#include "camtool/status.h"
+#include "camtool/upgrade.h"
+
+using namespace camtool;
+
+namespace {
+
+const char* kFooter =
+    "CAMERA is a device ID (32 lower-case hex digits) or an IPv4 address.\n"
+    "Exit status: 0 done; 1 a camera did not answer or did not upgrade; 2 refused\n"
+    "before anything was sent (bad input, no usable interface).";
+
+struct settings {
+  std::string iface;
+  bool json = false;
+  std::map<std::string, double> timeout;  // by command
+};
+
+lazy_lan::opener lan_opener(const settings& s, std::vector<channel> channels) {
+  return [&s, channels] {
+    iface_choice c = choose_interface(list_interfaces(), s.iface, default_route_interface());
+    return open_lan(c, channels);
+  };
+}
+
+CLI::App* with_json(CLI::App* cmd, settings& s) {
+  cmd->add_flag("--json", s.json, "one JSON object per line instead of a table");
+  return cmd;
+}
+
+CLI::App* with_timeout(CLI::App* cmd, settings& s, double seconds) {
+  double& t = s.timeout[cmd->get_name()];
+  t = seconds;
+  cmd->add_option("--timeout", t, "seconds to wait for the reply")
+      ->capture_default_str()
+      ->check(CLI::PositiveNumber);
+  return cmd;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  CLI::App app{"camtool: finds, configures and upgrades the cameras on this LAN", "camtool"};
+  app.require_subcommand(1);
+  app.fallthrough();
+  app.footer(kFooter);
+  app.set_version_flag("--version", "camtool 3.1.34");
+  settings s;
+  app.add_option("--iface", s.iface,
+                 "interface to use (default: the default route's, or the only one with IPv4)");
+
+  // search
+  search_options so;
+  auto* search = with_json(app.add_subcommand("search", "find the cameras on the LAN"), s);
+  search->add_option("--wait", so.wait, "seconds to listen (the request is resent meanwhile)")
+      ->capture_default_str()
+      ->check(CLI::PositiveNumber);
+  search->add_flag("--watch", so.watch, "keep the table live until Ctrl-C");
+
+  // Single-camera commands.
+  std::string who;
+  auto camera_arg = [&](CLI::App* cmd) { cmd->add_option("CAMERA", who, "device ID or IPv4 address")->required(); };
+  confignet_flags cf;
+  auto* confignet = with_json(with_timeout(app.add_subcommand("confignet",
+      "set a camera's network settings (the camera reboots to apply them)"), s, 3), s);
+  camera_arg(confignet);
+  confignet->add_option("--dhcp", cf.dhcp, "on or off");
+  confignet->add_option("--ip", cf.ip, "IPv4 address");
+  confignet->add_option("--mask", cf.mask, "netmask");
+  confignet->add_option("--gateway", cf.gateway, "default gateway");
+  confignet->add_option("--dns", cf.dns, "DNS server");
+  confignet->add_option("--mac", cf.mac, "MAC address");
+  confignet->footer("Settings not given keep the camera's current values.");
+
+  bool no_wait = false;
+  auto* reboot = with_timeout(app.add_subcommand("reboot", "reboot a camera and see it go down"), s, 20);
+  camera_arg(reboot);
+  reboot->add_flag("--no-wait", no_wait, "send the command and return");
+
+  std::string led;
+  auto* flicker = app.add_subcommand("flicker", "switch a camera's LED flicker on or off");
+  camera_arg(flicker);
+  flicker->add_option("STATE", led, "on or off")->required();
+
+  wire::board_test_options bo;
+  auto* board = with_json(with_timeout(app.add_subcommand("board-test",
+      "run the factory board test (stops the camera's main application)"), s, 15), s);
+  camera_arg(board);
+  board->add_option("--type", bo.type, "board type (default: from the camera's model)");
+  board->add_flag("--usb", bo.usb, "test the USB disk");
+  board->add_flag("--hdmi", bo.hdmi, "test the HDMI transmitter");
+  board->add_flag("--sdi", bo.sdi, "test the SDI transmitter");
+
+  std::vector<std::string> whos;
+  auto* query = with_json(with_timeout(app.add_subcommand("query", "firmware version and partition table"), s, 3), s);
+  query->add_option("CAMERA", whos, "device IDs or IPv4 addresses")->required();
+
+  auto* production = with_json(with_timeout(app.add_subcommand("production", "production counters"), s, 3), s);
+  camera_arg(production);
+
+  std::optional<std::string> serial, mac;
+  auto* lumconfig = with_json(with_timeout(app.add_subcommand("lumconfig",
+      "set a camera's serial number and MAC address (the camera reboots)"), s, 3), s);
+  camera_arg(lumconfig);
+  lumconfig->add_option("--serial", serial, "serial number (up to 63 characters)");
+  lumconfig->add_option("--mac", mac, "MAC address");
+
+  // upgrade
+  std::string file;
+  upgrade_options uo;
+  auto* upgrade = with_json(app.add_subcommand("upgrade", "upgrade one camera or many in one stream"), s);
+  upgrade->add_option("FILE", file, "the upgrade file")->required();
+  upgrade->add_option("--mode", uo.mode,
+                      "1 system package, 2 controller image, 3 package with controller image,\n"
+                      "4 whole flash, 5-9 one partition (5 = the first; see 'query')")
+      ->required();
+  auto* to = upgrade->add_option("--to", uo.to, "cameras, by device ID or address, comma-separated")
+                 ->delimiter(',')
+                 ->allow_extra_args(false);
+  upgrade->add_flag("--all", uo.all, "every camera that answers the search")->excludes(to);
+  upgrade->add_option("--rate", uo.rate_mbit, "Mbit/s of the stream; 0 sends unpaced")
+      ->capture_default_str()
+      ->check(CLI::NonNegativeNumber);
+  upgrade->add_option("--retries", uo.retries, "rounds again for cameras whose md5 failed")
+      ->capture_default_str()
+      ->check(CLI::NonNegativeNumber);
+  upgrade->add_option("--answer-wait", uo.answer_wait, "seconds to wait for the cameras' '0'")
+      ->capture_default_str()
+      ->check(CLI::PositiveNumber);
+  upgrade->add_option("--install-wait", uo.install_wait, "seconds to wait for the installation's answer")
+      ->capture_default_str()
+      ->check(CLI::PositiveNumber);
+  upgrade->add_option("--back-wait", uo.back_wait, "seconds to wait for a camera to come back")
+      ->capture_default_str()
+      ->check(CLI::PositiveNumber);
+  upgrade->footer(
+      "A camera that answers '0' receives the file; it answers '5' (md5 ok) or '6' (md5\n"
+      "failed: it reboots and gets the file again in the next round), then '7' (installed),\n"
+      "'8' (controller programming failed) or '2' (failed), and reboots. '1' means not\n"
+      "enough space, '9' another upgrade in progress.");
+
+  // status
+  status_options st;
+  auto* status = with_json(app.add_subcommand("status", "list post-upgrade reports and confirm them"), s);
+  status->add_flag("--confirm", st.confirm, "confirm each report (the camera then stops waiting)");
+  status->add_option("--wait", st.wait, "seconds to listen (default: until Ctrl-C)")
+      ->check(CLI::PositiveNumber);
+  status->add_option("--count", st.count, "end after this many cameras")->check(CLI::PositiveNumber);
+
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& e) {
+    return app.exit(e) == 0 ? 0 : kExitRefused;
+  }
+
+  install_interrupt_handler();
+  const std::string client_id = random_id();
+  try {
+    if (search->parsed()) {
+      so.json = s.json;
+      lazy_lan lan(lan_opener(s, {channel::search, channel::batch}));
+      return run_search(lan(), client_id, so, std::cout);
+    }
+    if (upgrade->parsed()) {
+      uo.json = s.json;
+      uo.live_progress = isatty(STDERR_FILENO) != 0;
+      auto f = open_file(file);
+      uo.file_name = file.substr(file.rfind('/') + 1);
+      check_upgrade(uo, f->size());
+      lazy_lan lan(lan_opener(s, {channel::search, channel::batch, channel::status}));
+      return run_upgrade(lan(), client_id, *f, uo, std::cout, std::cerr);
+    }
+    if (status->parsed()) {
+      st.json = s.json;
+      lazy_lan lan(lan_opener(s, {channel::status}));
+      return run_status(lan(), client_id, st, std::cout);
+    }
+    lazy_lan lan(lan_opener(s, {channel::search, channel::batch}));
+    double timeout = 3.0;
+    for (const auto& [name, t] : s.timeout)
+      if (app.got_subcommand(name)) timeout = t;
+    command_context ctx{lan, client_id, std::cout, std::cerr, s.json, timeout, 3.0};
+    if (confignet->parsed()) return cmd_confignet(ctx, who, cf);
+    if (reboot->parsed()) return cmd_reboot(ctx, who, !no_wait);
+    if (flicker->parsed()) return cmd_flicker(ctx, who, led);
+    if (board->parsed()) return cmd_board_test(ctx, who, bo);
+    if (query->parsed()) return cmd_query(ctx, whos);
+    if (production->parsed()) return cmd_production(ctx, who);
+    if (lumconfig->parsed()) return cmd_lumconfig(ctx, who, serial, mac);
+  } catch (const tool_error& e) {
+    std::cout.flush();
+    std::cerr << "camtool: " << e.what() << "\n";
+    return e.status;
+  }
+  return 0;
+}

@@ -1,0 +1,128 @@
+// Choosing the interface, finding cameras and what the single-camera
+// commands refuse or send.
+#include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
+#include <sstream>
+
+#include "camtool/commands.h"
+#include "camtool/fake_lan.h"
+#include "camtool/finder.h"
+
+namespace {
+
+using camtool::iface_info;
+using camtool_test::fake_camera;
+using camtool_test::fake_lan;
+
+std::string choose(const std::vector<iface_info>& all, const std::string& requested,
+                   const std::string& route) {
+  try {
+    return camtool::choose_interface(all, requested, route).name;
+  } catch (const camtool::tool_error& e) {
+    return std::string("error: ") + e.what();
+  }
+}
+
+TEST(Interface, ChoiceAndTheErrorsThatNameTheInterfaces) {
+  const iface_info lo{"lo", "127.0.0.1", true, true}, br0{"br0", "192.168.77.1", true, false},
+      port{"vc1b1", "", true, false}, eth1{"eth1", "10.0.0.2", true, false},
+      down{"eth2", "10.1.0.2", false, false};
+  // The LAN namespace: a bridge with an address, its ports without one.
+  EXPECT_EQ(choose({lo, br0, port}, "", ""), "br0");
+  EXPECT_EQ(choose({lo, br0, eth1}, "", "eth1"), "eth1");
+  EXPECT_EQ(choose({lo, br0, eth1}, "br0", "eth1"), "br0");
+  EXPECT_EQ(choose({lo, br0, down}, "", ""), "br0");
+  EXPECT_EQ(choose({lo, br0, eth1}, "", ""),
+            "error: more than one interface could be meant and no default route; choose one with "
+            "--iface (interfaces: lo (127.0.0.1), br0 (192.168.77.1), eth1 (10.0.0.2))");
+  EXPECT_EQ(choose({lo, port}, "", ""),
+            "error: no interface with an IPv4 address and no default route; choose one with "
+            "--iface (interfaces: lo (127.0.0.1), vc1b1 (no IPv4))");
+  EXPECT_EQ(choose({lo, br0}, "eth9", ""),
+            "error: no interface named eth9; interfaces: lo (127.0.0.1), br0 (192.168.77.1)");
+  EXPECT_EQ(choose({lo, port}, "vc1b1", ""), "error: interface vc1b1 has no IPv4 address");
+  EXPECT_EQ(choose({lo, down}, "eth2", ""), "error: interface eth2 is down");
+}
+
+fake_camera cam(char c, const std::string& ip) {
+  fake_camera f;
+  f.id = std::string(32, c);
+  f.ip = ip;
+  return f;
+}
+
+TEST(Search, OneRecordPerCameraHeardOnBothGroupsAndResolveByAddress) {
+  fake_lan lan({cam('a', "192.168.77.10"), cam('b', "192.168.77.11")});
+  camtool::camera_map found = camtool::search(lan, std::string(32, 'c'), 2.0);
+  ASSERT_EQ(found.size(), 2u);
+  EXPECT_EQ(found[std::string(32, 'b')].ip, "192.168.77.11");
+  size_t requests = 0;
+  for (const auto& s : lan.sent) requests += s.data.rfind("SEARCH * ", 0) == 0;
+  EXPECT_EQ(requests, 2u * 4) << "both groups, every half second";
+
+  std::ostringstream out;
+  camtool::search_options o;
+  o.json = true;
+  camtool::run_search(lan, std::string(32, 'c'), o, out);
+  std::istringstream lines(out.str());
+  std::string line;
+  ASSERT_TRUE(std::getline(lines, line));
+  auto j = nlohmann::json::parse(line);
+  EXPECT_EQ(j["device_id"], std::string(32, 'a'));
+  EXPECT_EQ(j["version"], "V1.0");
+  EXPECT_EQ(j["dhcp"], false);
+
+  // Found by its address, at once.
+  auto before = lan.now();
+  EXPECT_EQ(camtool::resolve(lan, std::string(32, 'c'), "192.168.77.11", 3.0).device_id,
+            std::string(32, 'b'));
+  EXPECT_LT(camtool::between(before, lan.now()), 0.1);
+  EXPECT_THROW(camtool::resolve(lan, std::string(32, 'c'), "192.168.77.99", 1.0), camtool::tool_error);
+  EXPECT_THROW(camtool::resolve(lan, std::string(32, 'c'), "cam-1", 1.0), camtool::tool_error);
+}
+
+TEST(Confignet, FlagsOverTheCurrentSettingsAndMalformedValuesRefused) {
+  wire::camera_record now;
+  now.dhcp = true;
+  now.ip = "192.168.77.10";
+  now.netmask = "255.255.255.0";
+  now.gateway = "192.168.77.1";
+  now.fdns = "8.8.8.8";
+  now.mac = "02:00:00:77:00:10";
+  camtool::confignet_flags f;
+  f.dhcp = "off";
+  f.ip = "192.168.77.50";
+  f.mac = "02-AA-BB-CC-DD-EE";
+  EXPECT_NO_THROW(camtool::check_confignet(f));
+  wire::net_settings s = camtool::merge_settings(now, f);
+  EXPECT_FALSE(s.dhcp);
+  EXPECT_EQ(s.ipaddr, "192.168.77.50");
+  EXPECT_EQ(s.netmask, "255.255.255.0");
+  EXPECT_EQ(s.gateway, "192.168.77.1");
+  EXPECT_EQ(s.macaddr, "02:aa:bb:cc:dd:ee");
+
+  auto refused = [](camtool::confignet_flags bad) {
+    try {
+      camtool::check_confignet(bad);
+    } catch (const camtool::tool_error& e) {
+      return e.status == camtool::kExitRefused;
+    }
+    return false;
+  };
+  EXPECT_TRUE(refused({})) << "nothing to set";
+  camtool::confignet_flags bad;
+  bad.ip = "192.168.1.256";
+  EXPECT_TRUE(refused(bad));
+  bad = {};
+  bad.mask = "255.0.255.0";
+  EXPECT_TRUE(refused(bad));
+  bad = {};
+  bad.dhcp = "yes";
+  EXPECT_TRUE(refused(bad));
+  bad = {};
+  bad.mac = "01:00:5e:00:00:01";
+  EXPECT_TRUE(refused(bad));
+}
+
+}  // namespace

@@ -1,0 +1,256 @@
+// The upgrade against simulated cameras on a virtual clock: what goes on
+// the wire, how fast, and what the tool makes of the cameras' answers.
+#include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
+#include <random>
+#include <sstream>
+
+#include "camtool/upgrade.h"
+#include "camtool/fake_lan.h"
+
+namespace {
+
+using camtool_test::fake_camera;
+using camtool_test::fake_lan;
+using nlohmann::json;
+
+const std::string kClient(32, 'c');
+
+std::string id_of(char c) { return std::string(32, c); }
+
+fake_camera cam(char c) {
+  fake_camera f;
+  f.id = id_of(c);
+  f.ip = std::string("192.168.77.") + std::to_string(c - 'a' + 10);
+  return f;
+}
+
+std::string random_bytes(size_t n) {
+  std::mt19937 gen(42);
+  std::string s(n, '\0');
+  for (char& ch : s) ch = static_cast<char>(gen());
+  return s;
+}
+
+struct run_result {
+  int status;
+  std::map<std::string, json> by_id;
+  std::string log;
+};
+
+run_result upgrade(fake_lan& lan, const std::string& data, camtool::upgrade_options o) {
+  if (o.file_name.empty()) o.file_name = "fw.zip";
+  if (o.mode == 0) o.mode = 1;
+  o.json = true;
+  auto file = camtool::memory_file(data);
+  std::ostringstream out, err;
+  run_result r;
+  r.status = camtool::run_upgrade(lan, kClient, *file, o, out, err);
+  r.log = err.str();
+  std::istringstream lines(out.str());
+  for (std::string line; std::getline(lines, line);) {
+    json j = json::parse(line);
+    r.by_id[j["device_id"]] = j;
+  }
+  return r;
+}
+
+camtool::upgrade_options to(std::vector<std::string> ids) {
+  camtool::upgrade_options o;
+  o.to = std::move(ids);
+  return o;
+}
+
+TEST(Upgrade, StreamCarriesTheFileWholeInOrder) {
+  for (size_t size : {size_t{0}, size_t{3}, size_t{5078}, size_t{5079}, size_t{3 * 5078 + 17}}) {
+    fake_lan lan({cam('a')});
+    std::string data = random_bytes(size);
+    run_result r = upgrade(lan, data, to({id_of('a')}));
+    auto packets = lan.packets();
+    ASSERT_GE(packets.size(), 2u) << size << r.log;
+    std::string joined;
+    for (size_t i = 0; i < packets.size(); ++i) {
+      char want = i == 0 ? 'b' : i + 1 == packets.size() ? 'o' : 't';
+      EXPECT_EQ(packets[i].kind, want) << size << " packet " << i;
+      EXPECT_EQ(packets[i].session, lan.cams[0].session);
+      EXPECT_LE(packets[i].len, wire::kPacketDataMax);
+      joined.append(packets[i].data, packets[i].len);
+    }
+    EXPECT_EQ(joined, data) << size;
+    EXPECT_EQ(r.status, 0) << r.log;
+    EXPECT_EQ(r.by_id[id_of('a')]["acks"], json::array({"057"})) << r.log;
+    EXPECT_EQ(r.by_id[id_of('a')]["version_after"], "V2.0");
+    EXPECT_TRUE(lan.cams[0].confirmed) << "the post-upgrade report is confirmed";
+  }
+}
+
+TEST(Upgrade, StreamKeepsTheRequestedRate) {
+  const std::string data = random_bytes(400 * 1024);
+  for (double mbit : {2.0, 50.0}) {
+    fake_lan lan({cam('a')});
+    camtool::upgrade_options o = to({id_of('a')});
+    o.rate_mbit = mbit;
+    upgrade(lan, data, o);
+    std::vector<camtool::time_point> at;
+    uint64_t bits_before_last = 0, last = 0;
+    for (const auto& s : lan.sent)
+      if (s.data.rfind("CAMERA_UP", 0) == 0 && s.data.find("Device ID:") == std::string::npos) {
+        at.push_back(s.at);
+        bits_before_last += last;
+        last = s.data.size() * 8;
+      }
+    // The last packet goes out once the bits before it have had their time.
+    double took = camtool::between(at.front(), at.back());
+    double expected = static_cast<double>(bits_before_last) / (mbit * 1e6);
+    EXPECT_NEAR(took, expected, expected * 0.05 + 0.01) << mbit;
+    // Evenly: no two packets closer than a packet's time on the wire.
+    double gap = 5120.0 * 8 / (mbit * 1e6);
+    for (size_t i = 2; i + 1 < at.size(); ++i)
+      ASSERT_GE(camtool::between(at[i - 1], at[i]), gap * 0.99) << mbit << " packet " << i;
+  }
+}
+
+TEST(Upgrade, AnnouncesAgainOnlyToCamerasWhoseMd5Failed) {
+  fake_camera bad = cam('b');
+  bad.md5_failures = 1;
+  fake_lan lan({cam('a'), bad, cam('c')});
+  run_result r = upgrade(lan, random_bytes(20000), to({id_of('a'), id_of('b'), id_of('c')}));
+  EXPECT_EQ(r.status, 0) << r.log;
+  EXPECT_EQ(r.by_id[id_of('b')]["acks"], json::array({"06", "057"}));
+  EXPECT_EQ(r.by_id[id_of('a')]["acks"], json::array({"057"}));
+  for (const auto& c : lan.cams) EXPECT_TRUE(c.confirmed) << c.id;
+  // The second announcement names the failed camera alone, in a new session.
+  std::vector<std::string> announcements;
+  for (const auto& s : lan.sent)
+    if (s.data.find("File md5:") != std::string::npos) announcements.push_back(s.data);
+  ASSERT_EQ(announcements.size(), 2u);
+  EXPECT_NE(announcements[0].find("Device ID:0003"), std::string::npos);
+  EXPECT_NE(announcements[1].find("Device ID:0001" + id_of('b') + "\r\n"), std::string::npos);
+  ASSERT_EQ(lan.cams[1].announced_sessions.size(), 2u);
+  EXPECT_NE(lan.cams[1].announced_sessions[0], lan.cams[1].announced_sessions[1]);
+  EXPECT_EQ(lan.cams[1].reboots_seen, 2);
+
+  // Without retries the camera stays failed and so does the run.
+  bad.md5_failures = 1;
+  fake_lan once({bad});
+  camtool::upgrade_options o = to({id_of('b')});
+  o.retries = 0;
+  run_result r0 = upgrade(once, random_bytes(100), o);
+  EXPECT_EQ(r0.status, camtool::kExitFailed);
+  EXPECT_EQ(r0.by_id[id_of('b')]["outcome"], "md5 failed");
+  EXPECT_TRUE(r0.by_id[id_of('b')]["back"]);
+}
+
+TEST(Upgrade, CamerasThatDoNotTakeTheFileAreReportedAndFailTheRun) {
+  fake_camera silent = cam('b'), full = cam('c'), busy = cam('d');
+  silent.hears = false;
+  full.ready_code = '1';
+  busy.ready_code = '9';
+  fake_lan lan({cam('a'), silent, full, busy});
+  camtool::upgrade_options o = to({id_of('a'), id_of('b'), id_of('c'), id_of('d')});
+  run_result r = upgrade(lan, random_bytes(7000), o);
+  EXPECT_EQ(r.status, camtool::kExitFailed);
+  EXPECT_EQ(r.by_id[id_of('a')]["outcome"], "upgraded");
+  EXPECT_EQ(r.by_id[id_of('b')]["outcome"], "no answer to the announcement");
+  EXPECT_EQ(r.by_id[id_of('c')]["outcome"], "not enough space in /dev");
+  EXPECT_EQ(r.by_id[id_of('d')]["outcome"], "busy with another upgrade");
+  EXPECT_TRUE(lan.cams[1].announced_sessions.empty());
+  // The silent camera was asked again, alone.
+  size_t asked_again = 0;
+  for (const auto& s : lan.sent)
+    if (s.data.find("File md5:") != std::string::npos && s.data.find("Device ID:0001" + id_of('b')) != std::string::npos)
+      ++asked_again;
+  EXPECT_GE(asked_again, 1u);
+}
+
+TEST(Upgrade, HowTheToolTellsARebootFromACameraThatStayedUp) {
+  // Back too fast for a missed search and without a report: its uptime tells.
+  fake_camera quick = cam('a');
+  quick.down_for = 0.3;
+  quick.reports = false;
+  quick.resets_uptime = true;
+  // Started in debug mode: a bad md5 does not reboot it; the next round still comes.
+  fake_camera debug = cam('b');
+  debug.md5_failures = 1;
+  debug.reboots = false;
+  fake_lan lan({quick, debug});
+  run_result r = upgrade(lan, random_bytes(100), to({id_of('a'), id_of('b')}));
+  const json& a = r.by_id[id_of('a')];
+  EXPECT_TRUE(a["rebooted"] && a["back"] && a["ok"]) << a.dump() << r.log;
+  EXPECT_FALSE(a["reported"]);
+  const json& b = r.by_id[id_of('b')];
+  EXPECT_EQ(b["acks"], json::array({"06", "057"})) << r.log;
+  EXPECT_FALSE(b["rebooted"]);
+  EXPECT_NE(r.log.find(id_of('b') + ": still up, no reboot seen"), std::string::npos) << r.log;
+}
+
+TEST(Upgrade, SlowCameraAnsweringOurResentAnnouncementBusyStillUpgrades) {
+  fake_camera slow = cam('a');
+  slow.ready_delay = 12.0;  // longer than the resend interval
+  fake_lan lan({slow});
+  run_result r = upgrade(lan, random_bytes(100), to({id_of('a')}));
+  EXPECT_EQ(r.status, 0) << r.log;
+  EXPECT_EQ(r.by_id[id_of('a')]["acks"], json::array({"057"}));
+}
+
+TEST(Upgrade, PartitionImagesMustFitTheCamerasPartition) {
+  struct {
+    int mode;
+    size_t size;
+    const char* outcome;
+  } cases[] = {
+      {6, 100, "upgraded"},
+      {7, 100, "no partition for mode 7 (it has 2)"},
+      {5, 600 * 1024, "the file is larger than mtd0 \"boot\" (512.0 KiB)"},
+      {4, 4 * 1024 * 1024, "the file is larger than the flash (3.5 MiB)"},
+  };
+  for (const auto& k : cases) {
+    fake_lan lan({cam('a')});
+    camtool::upgrade_options o = to({id_of('a')});
+    o.mode = k.mode;
+    run_result r = upgrade(lan, std::string(k.size, 'x'), o);
+    EXPECT_EQ(r.by_id[id_of('a')]["outcome"], k.outcome) << k.mode << r.log;
+    EXPECT_EQ(r.status, std::string(k.outcome) == "upgraded" ? 0 : camtool::kExitFailed);
+    EXPECT_EQ(lan.cams[0].announced_sessions.size(), std::string(k.outcome) == "upgraded" ? 1u : 0u);
+  }
+}
+
+TEST(Upgrade, RefusesWhatTheCamerasWouldRefuseBeforeSending) {
+  auto refused = [](camtool::upgrade_options o, uint64_t size = 10) {
+    try {
+      camtool::check_upgrade(o, size);
+    } catch (const camtool::tool_error& e) {
+      return e.status == camtool::kExitRefused;
+    }
+    return false;
+  };
+  camtool::upgrade_options good = to({id_of('a')});
+  good.file_name = "fw_1.2.zip";
+  good.mode = 1;
+  EXPECT_FALSE(refused(good));
+  for (const char* name : {"a;b.zip", "a b.zip", "../fw.zip", "", "fw*.zip"}) {
+    auto o = good;
+    o.file_name = name;
+    EXPECT_TRUE(refused(o)) << name;
+  }
+  auto o = good;
+  o.file_name = std::string(129, 'x');
+  EXPECT_TRUE(refused(o));
+  for (int mode : {0, 10}) {
+    o = good;
+    o.mode = mode;
+    EXPECT_TRUE(refused(o)) << mode;
+  }
+  EXPECT_TRUE(refused(good, 1000000000));
+  o = good;
+  o.all = true;
+  EXPECT_TRUE(refused(o)) << "--to and --all";
+  o.to.clear();
+  o.all = false;
+  EXPECT_TRUE(refused(o)) << "neither";
+  o.to = {"192.168.1.300"};
+  EXPECT_TRUE(refused(o));
+}
+
+}  // namespace

@@ -444,6 +444,37 @@ class Camera(CameraFiles):
         self._sockets.append(s)
         return s
 
+    def daemon_host_pid(self):
+        """The daemon's process ID on the host (for its /proc entry)."""
+        ns_pid = self.daemon_pid
+        for p in self.processes():
+            if p.pid == ns_pid:
+                return p.host_pid
+        raise RigError(f"{self.name}: no daemon process{self._tail()}")
+
+    def kill_daemon(self, ready="init socket succeed", timeout=10.0):
+        """SIGKILLs the daemon; the camera's init starts it again at once with
+        /dev, flash and every file as they were (the console of the killed
+        run is kept as stdout.runN). Returns once the new run printed
+        `ready`."""
+        old = self.daemon_pid
+        self.write("/.rig/respawn", "")
+        os.kill(self.daemon_host_pid(), signal.SIGKILL)
+        if not wait_until(lambda: self.daemon_pid not in (None, old) or self._ended.is_set(),
+                          timeout):
+            raise RigError(f"{self.name}: the daemon was not started again{self._tail()}")
+        if ready:
+            self.wait_line(ready, timeout)
+
+    def resources(self):
+        """The daemon's open descriptors, threads and resident memory (KiB),
+        read from its /proc entry on the host."""
+        proc = Path(f"/proc/{self.daemon_host_pid()}")
+        status = (proc / "status").read_text()
+        field = lambda k: int(re.search(rf"^{k}:\s+(\d+)", status, re.M).group(1))  # noqa: E731
+        return {"fds": len(os.listdir(proc / "fd")), "threads": field("Threads"),
+                "rss_kib": field("VmRSS")}
+
     def reboot(self, how="reboot(2)"):
         """Reboots the camera from inside: "reboot(2)" as the daemon does, or
         "busybox" (busybox reboot, which signals init)."""

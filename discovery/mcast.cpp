@@ -100,7 +100,7 @@ int set_nonblocking(int fd, int block) {
 
 int init_mcast(std::atomic<int>* sock, struct sockaddr_in* bind_addr,
                struct sockaddr_in* group_addr, int port, const char* group) {
-  int fd = socket(AF_INET, SOCK_DGRAM, 0);
+  int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   if (fd < 0) {
     DBG_ERR("socket failed\n");
     return -1;
@@ -196,7 +196,7 @@ int init_mcast_ipv6(std::atomic<int>* sock, struct sockaddr_in6* bind_addr,
   char tmp[64] = {};
   get_ipv6_global_addr("eth0", tmp, sizeof(tmp));
   DBG_INFO("tmp: %s\n", tmp);
-  int fd = socket(AF_INET6, SOCK_DGRAM, 0);
+  int fd = socket(AF_INET6, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   if (fd < 0) {
     DBG_ERR("socket failed\n");
     return -1;
@@ -264,7 +264,7 @@ void mcast_send_data_ipv6(mcast_endpoint* ep, const char* text) {
 int ip_udp_send(const char* src_addr, int src_port, const char* dst_addr, int dst_port,
                 const void* payload, size_t len) {
   if (len > 65507) return -1;
-  int fd = socket(AF_INET, SOCK_RAW, IPPROTO_UDP);
+  int fd = socket(AF_INET, SOCK_RAW | SOCK_CLOEXEC, IPPROTO_UDP);
   if (fd < 0) {
     DBG_ERR("socket failed\n");
     return -1;

@@ -452,6 +452,27 @@ class Camera(CameraFiles):
                 return p.host_pid
         raise RigError(f"{self.name}: no daemon process{self._tail()}")
 
+    def freeze_daemon(self):
+        """Stops the daemon (SIGSTOP) and kills its forked copies (installer
+        children): what the camera holds is then what a killed daemon
+        leaves. The programs they ran (shell commands, unzip, the controller
+        programmer) run on as orphans, as after a real kill. kill_daemon()
+        ends the daemon."""
+        daemon = self.daemon_host_pid()
+        os.kill(daemon, signal.SIGSTOP)
+        pending, copies = [daemon], []
+        while pending:
+            pid = pending.pop()
+            for task in Path(f"/proc/{pid}/task").glob("*"):
+                with contextlib.suppress(OSError):
+                    pending += [int(c) for c in (task / "children").read_text().split()]
+            with contextlib.suppress(OSError):
+                if pid != daemon and Path(f"/proc/{pid}/comm").read_text().strip() == "upgrade":
+                    copies.append(pid)
+        for pid in copies:
+            with contextlib.suppress(ProcessLookupError):
+                os.kill(pid, signal.SIGKILL)
+
     def kill_daemon(self, ready="init socket succeed", timeout=10.0):
         """SIGKILLs the daemon; the camera's init starts it again at once with
         /dev, flash and every file as they were (the console of the killed

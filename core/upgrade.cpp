@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
 #include <new>
 #include <string>
 
@@ -262,9 +263,18 @@ void read_mtd_info() {
   rebuild_mtd_summary();
 }
 
+std::mutex g_version_mu;
+
 void read_version() {
+  std::lock_guard<std::mutex> lock(g_version_mu);
   read_first_line(kVersionPath, daemon_state.soc_version, sizeof(daemon_state.soc_version));
   read_first_line(kModelPath, daemon_state.device_model, sizeof(daemon_state.device_model));
+}
+
+void version_texts(char* version, char* model) {
+  std::lock_guard<std::mutex> lock(g_version_mu);
+  memcpy(version, daemon_state.soc_version, sizeof(daemon_state.soc_version));
+  memcpy(model, daemon_state.device_model, sizeof(daemon_state.device_model));
 }
 
 void fill_endpoint_records() {

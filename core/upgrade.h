@@ -96,8 +96,12 @@ int get_config(const char* path);
 void read_mtd_info();
 void rebuild_mtd_summary();
 
-// Version text and device model (files in the camera table of the README).
+// Version text and device model (files in the camera table of the README):
+// read_version reads them into daemon_state, version_texts copies them out
+// (32 bytes each), both under one lock. Once the threads run, nothing reads
+// daemon_state.soc_version or device_model directly.
 void read_version();
+void version_texts(char* version, char* model);
 
 void fill_endpoint_records();
 void fill_protocol_keywords();

@@ -8,7 +8,6 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
-#include <mutex>
 #include <string>
 
 #include "core/dbgout.h"
@@ -25,7 +24,6 @@
 namespace {
 
 constexpr size_t kReplyLen = 2048;
-std::mutex g_version_mu;
 
 // Appends printf-style text to a reply buffer, truncating at its end.
 void reply_add(char* reply, const char* fmt, ...) __attribute__((format(printf, 2, 3)));
@@ -247,10 +245,8 @@ void handle_production(mcast_endpoint* ep, const char* msg) {
 }  // namespace
 
 void refresh_version(char* version, char* model) {
-  std::lock_guard<std::mutex> lock(g_version_mu);
   read_version();
-  copy_text(version, 32, daemon_state.soc_version, sizeof(daemon_state.soc_version));
-  copy_text(model, 32, daemon_state.device_model, sizeof(daemon_state.device_model));
+  version_texts(version, model);
 }
 
 int keyword_code_of(const char* buf, size_t len) {

@@ -163,9 +163,10 @@ int set_net_upgrade_flag(int value) {
 }
 
 int set_device_type_flag() {
-  char model[sizeof(daemon_state.device_model)];
+  char version[sizeof(daemon_state.soc_version)], src[sizeof(daemon_state.device_model)];
+  version_texts(version, src);
+  char model[sizeof(src)];
   size_t n = 0;
-  const char* src = daemon_state.device_model;
   while (n + 1 < sizeof(model) && src[n] != '\0' && src[n] != '.') {
     model[n] = src[n];
     ++n;

@@ -134,7 +134,9 @@ void mtd_upgrade_install() {
       DBG_INFO("current upgrademode is ALL_MTD\n");
       remove(cam_path("/data/upgrade.log").c_str());
       set_data_log_open(0);
-      TRACE_DATA("soc version: %s, device_type: %s\n", st.soc_version, st.device_model);
+      char version[sizeof(st.soc_version)], model[sizeof(st.device_model)];
+      version_texts(version, model);
+      TRACE_DATA("soc version: %s, device_type: %s\n", version, model);
       sys().shell("echo  > /dev/orn.log");
       sys().shell("rm -rf /dev/*.log");
 

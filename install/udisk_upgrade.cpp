@@ -85,8 +85,9 @@ std::string model_tag_of_path(const std::string& path) {
 }
 
 std::string camera_model_tag() {
-  const char* model = daemon_state.device_model;
-  size_t n = strnlen(model, sizeof(daemon_state.device_model));
+  char version[sizeof(daemon_state.soc_version)], model[sizeof(daemon_state.device_model)];
+  version_texts(version, model);
+  size_t n = strnlen(model, sizeof(model));
   std::string tag(model, n);
   size_t dot = tag.find('.');
   if (dot != std::string::npos) tag.resize(dot);
@@ -199,7 +200,9 @@ int udisk_upgrade_poll() {
   DBG_INFO("found file: %s\n", image.c_str());
 
   const std::string cam_tag = camera_model_tag();
-  DBG_INFO("soc_device_type_info: %s\n", daemon_state.device_model);
+  char version[sizeof(daemon_state.soc_version)], model[sizeof(daemon_state.device_model)];
+  version_texts(version, model);
+  DBG_INFO("soc_device_type_info: %s\n", model);
   DBG_INFO("cam_device_model: %s\n", cam_tag.c_str());
   if (strchr(image.c_str(), ';') != nullptr || !is_safe_file_name(name.c_str())) {
     DBG_ERR("upgrade filename error!\n");

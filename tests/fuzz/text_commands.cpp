@@ -1,9 +1,11 @@
 // Any datagram on the search and batch groups (and the IPv6 search), with
-// every keyword: no crash, no read past the datagram, and a datagram that
-// does not carry this camera's ID neither reboots it nor rewrites its files.
+// every keyword, and on the status group: no crash, no read past the
+// datagram, and a datagram that does not carry this camera's ID neither
+// reboots it, nor rewrites its files, nor confirms its status report.
 #include <cstring>
 
 #include "discovery/commands.h"
+#include "discovery/dhcp_status.h"
 #include "harness.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
@@ -27,8 +29,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   else
     mcast_receive(&c.ep.ep, exact.data(), exact.size());
 
+  const bool confirmed = mcast_receive_status(&c.ep.ep, exact.data(), exact.size()) == 0;
+
   const bool names_us = strstr(std::string(dgram.c_str()).c_str(), kDevId.c_str()) != nullptr;
   if (!names_us) {
+    fuzz_require(!confirmed, "status confirmed by a datagram for another camera");
     fuzz_require(c.cam.platform().reboots() == 0, "rebooted by a datagram for another camera");
     fuzz_require(c.cam.read("/data/net.conf") == before,
                  "net.conf changed by a datagram for another camera");

@@ -63,9 +63,14 @@ int settings_command(command_context& ctx, const wire::camera_record& c, const s
 std::optional<datagram> exchange(transport& net, channel ch, const std::string& request,
                                  double timeout, double resend,
                                  const std::function<bool(const datagram&)>& match) {
+  return exchange(net, [&] { net.send(ch, request); }, timeout, resend, match);
+}
+
+std::optional<datagram> exchange(transport& net, const std::function<void()>& send, double timeout,
+                                 double resend, const std::function<bool(const datagram&)>& match) {
   time_point end = after(net.now(), timeout);
   while (!interrupted()) {
-    net.send(ch, request);
+    send();
     time_point until = resend > 0 ? std::min(end, after(net.now(), resend)) : end;
     while (auto d = net.receive(until))
       if (match(*d)) return d;
@@ -88,29 +93,39 @@ void check_confignet(const confignet_flags& f) {
     throw tool_error("--mac '" + *f.mac + "' is not a unicast MAC address (such as 02:12:34:56:78:9a)");
 }
 
-wire::net_settings merge_settings(const wire::camera_record& now, const confignet_flags& f) {
+wire::net_settings merge_settings(const wire::net_settings& now, const confignet_flags& f) {
   wire::net_settings s;
   s.dhcp = f.dhcp ? *f.dhcp == "on" : now.dhcp;
-  s.ipaddr = f.ip.value_or(now.ip);
+  s.ipaddr = f.ip.value_or(now.ipaddr);
   s.netmask = f.mask.value_or(now.netmask);
   s.gateway = f.gateway.value_or(now.gateway);
   s.fdns = f.dns.value_or(now.fdns);
-  s.macaddr = f.mac ? *wire::normal_mac(*f.mac) : now.mac;
+  s.macaddr = f.mac ? *wire::normal_mac(*f.mac) : now.macaddr;
   return s;
+}
+
+wire::net_settings settings_of(const wire::camera_record& c) {
+  return {c.dhcp, c.ip, c.netmask, c.gateway, c.fdns, c.mac};
+}
+
+json settings_json(const wire::net_settings& s) {
+  return {{"dhcp", s.dhcp},       {"ipaddr", s.ipaddr}, {"netmask", s.netmask},
+          {"gateway", s.gateway}, {"fdns", s.fdns},     {"macaddr", s.macaddr}};
+}
+
+std::string settings_text(const wire::net_settings& s) {
+  return std::string("dhcp=") + (s.dhcp ? "1" : "0") + " ipaddr=" + s.ipaddr + " netmask=" +
+         s.netmask + " gateway=" + s.gateway + " fdns=" + s.fdns + " macaddr=" + s.macaddr;
 }
 
 int cmd_confignet(command_context& ctx, const std::string& who, const confignet_flags& f) {
   check_confignet(f);
   check_camera_argument(who);
   wire::camera_record c = resolve(ctx.lan(), ctx.client_id, who, ctx.search_wait);
-  wire::net_settings s = merge_settings(c, f);
-  json settings = {{"dhcp", s.dhcp},       {"ipaddr", s.ipaddr}, {"netmask", s.netmask},
-                   {"gateway", s.gateway}, {"fdns", s.fdns},     {"macaddr", s.macaddr}};
-  if (!ctx.json)
-    ctx.err << camera_name(c) << ": dhcp=" << (s.dhcp ? 1 : 0) << " ipaddr=" << s.ipaddr
-            << " netmask=" << s.netmask << " gateway=" << s.gateway << " fdns=" << s.fdns
-            << " macaddr=" << s.macaddr << "\n";
-  return settings_command(ctx, c, wire::confignet_request(c.device_id, ctx.client_id, s), settings);
+  wire::net_settings s = merge_settings(settings_of(c), f);
+  if (!ctx.json) ctx.err << camera_name(c) << ": " << settings_text(s) << "\n";
+  return settings_command(ctx, c, wire::confignet_request(c.device_id, ctx.client_id, s),
+                          settings_json(s));
 }
 
 int cmd_lumconfig(command_context& ctx, const std::string& who, const std::optional<std::string>& serial,
@@ -213,6 +228,18 @@ int cmd_board_test(command_context& ctx, const std::string& who, wire::board_tes
   return passed ? 0 : kExitFailed;
 }
 
+std::vector<std::string> split_batch(
+    const std::vector<std::string>& ids,
+    const std::function<std::string(const std::vector<std::string>&)>& build) {
+  const size_t room = wire::kBatchDatagram - std::min(wire::kBatchDatagram, build({}).size());
+  const size_t per = std::max<size_t>(1, room / wire::kIdLen);
+  std::vector<std::string> out;
+  for (size_t i = 0; i < ids.size(); i += per)
+    out.push_back(build({ids.begin() + static_cast<long>(i),
+                         ids.begin() + static_cast<long>(std::min(ids.size(), i + per))}));
+  return out;
+}
+
 std::map<std::string, query_answer> query_cameras(transport& net, const std::string& client_id,
                                                   const std::vector<std::string>& ids, double timeout) {
   std::map<std::string, query_answer> got;
@@ -222,7 +249,8 @@ std::map<std::string, query_answer> query_cameras(transport& net, const std::str
     for (const auto& id : ids)
       if (!got.count(id)) ask.push_back(id);
     // Asked again each second, only the cameras that have not answered.
-    exchange(net, channel::batch, wire::query_request(ask, client_id),
+    auto requests = split_batch(ask, [&](const auto& some) { return wire::query_request(some, client_id); });
+    exchange(net, [&] { for (const auto& r : requests) net.send(channel::batch, r); },
              std::min(1.0, between(net.now(), end)), 0, [&](const datagram& d) {
                auto r = wire::parse_id_reply(wire::kReplyQuery, d.data);
                if (r && r->client_id == client_id &&

@@ -6,6 +6,7 @@
 
 #include <functional>
 #include <map>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <ostream>
 #include <string>
@@ -30,10 +31,14 @@ struct command_context {
 struct confignet_flags {
   std::optional<std::string> dhcp, ip, mask, gateway, dns, mac;
 };
-// The settings to send: the flags over the camera's current ones. Throws
-// tool_error for a malformed value.
+// Throws tool_error for a malformed value or when nothing is to be set.
 void check_confignet(const confignet_flags& f);
-wire::net_settings merge_settings(const wire::camera_record& now, const confignet_flags& f);
+// The settings to send: the flags over the camera's current ones.
+wire::net_settings merge_settings(const wire::net_settings& now, const confignet_flags& f);
+wire::net_settings settings_of(const wire::camera_record& c);
+nlohmann::json settings_json(const wire::net_settings& s);
+// "dhcp=0 ipaddr=... macaddr=...", shown before a settings command is sent.
+std::string settings_text(const wire::net_settings& s);
 
 int cmd_confignet(command_context& ctx, const std::string& who, const confignet_flags& f);
 int cmd_reboot(command_context& ctx, const std::string& who, bool wait);
@@ -44,8 +49,15 @@ int cmd_production(command_context& ctx, const std::string& who);
 int cmd_lumconfig(command_context& ctx, const std::string& who, const std::optional<std::string>& serial,
                   const std::optional<std::string>& mac);
 
-// The firmware query, asked of many cameras in one batch command and again
-// of those that have not answered; by device ID.
+// A batch command names its cameras in one list, and a camera reads at most
+// a batch datagram: `build` makes the command for some of `ids`; as many as
+// fit go into each datagram.
+std::vector<std::string> split_batch(
+    const std::vector<std::string>& ids,
+    const std::function<std::string(const std::vector<std::string>&)>& build);
+
+// The firmware query, asked of many cameras in batch commands and again of
+// those that have not answered; by device ID.
 struct query_answer {
   std::string version;
   std::vector<wire::partition> partitions;
@@ -53,8 +65,11 @@ struct query_answer {
 std::map<std::string, query_answer> query_cameras(transport& net, const std::string& client_id,
                                                   const std::vector<std::string>& ids, double timeout);
 
-// Waits for the first datagram `match` accepts, sending `request` first and
+// Waits for the first datagram `match` accepts, calling `send` first and
 // again every `resend` seconds (0: once).
+std::optional<datagram> exchange(transport& net, const std::function<void()>& send, double timeout,
+                                 double resend, const std::function<bool(const datagram&)>& match);
+// The same with `request` sent to the channel's group.
 std::optional<datagram> exchange(transport& net, channel ch, const std::string& request,
                                  double timeout, double resend,
                                  const std::function<bool(const datagram&)>& match);

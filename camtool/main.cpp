@@ -5,9 +5,11 @@
 #include <iostream>
 #include <map>
 
+#include "camtool/broadcast.h"
 #include "camtool/commands.h"
 #include "camtool/finder.h"
 #include "camtool/net.h"
+#include "camtool/partner.h"
 #include "camtool/status.h"
 #include "camtool/upgrade.h"
 
@@ -23,7 +25,7 @@ const char* kFooter =
 struct settings {
   std::string iface;
   bool json = false;
-  std::map<std::string, double> timeout;  // by command
+  std::map<CLI::App*, double> timeout;  // by command
 };
 
 lazy_lan::opener lan_opener(const settings& s, std::vector<channel> channels) {
@@ -39,7 +41,7 @@ CLI::App* with_json(CLI::App* cmd, settings& s) {
 }
 
 CLI::App* with_timeout(CLI::App* cmd, settings& s, double seconds) {
-  double& t = s.timeout[cmd->get_name()];
+  double& t = s.timeout[cmd];
   t = seconds;
   cmd->add_option("--timeout", t, "seconds to wait for the reply")
       ->capture_default_str()
@@ -71,16 +73,19 @@ int main(int argc, char** argv) {
   std::string who;
   auto camera_arg = [&](CLI::App* cmd) { cmd->add_option("CAMERA", who, "device ID or IPv4 address")->required(); };
   confignet_flags cf;
+  auto settings_flags = [&](CLI::App* cmd, bool mac) {
+    cmd->add_option("--dhcp", cf.dhcp, "on or off");
+    cmd->add_option("--ip", cf.ip, "IPv4 address");
+    cmd->add_option("--mask", cf.mask, "netmask");
+    cmd->add_option("--gateway", cf.gateway, "default gateway");
+    cmd->add_option("--dns", cf.dns, "DNS server");
+    if (mac) cmd->add_option("--mac", cf.mac, "MAC address");
+    cmd->footer("Settings not given keep the camera's current values.");
+  };
   auto* confignet = with_json(with_timeout(app.add_subcommand("confignet",
       "set a camera's network settings (the camera reboots to apply them)"), s, 3), s);
   camera_arg(confignet);
-  confignet->add_option("--dhcp", cf.dhcp, "on or off");
-  confignet->add_option("--ip", cf.ip, "IPv4 address");
-  confignet->add_option("--mask", cf.mask, "netmask");
-  confignet->add_option("--gateway", cf.gateway, "default gateway");
-  confignet->add_option("--dns", cf.dns, "DNS server");
-  confignet->add_option("--mac", cf.mac, "MAC address");
-  confignet->footer("Settings not given keep the camera's current values.");
+  settings_flags(confignet, true);
 
   bool no_wait = false;
   auto* reboot = with_timeout(app.add_subcommand("reboot", "reboot a camera and see it go down"), s, 20);
@@ -149,6 +154,55 @@ int main(int argc, char** argv) {
       "'8' (controller programming failed) or '2' (failed), and reboots. '1' means not\n"
       "enough space, '9' another upgrade in progress.");
 
+  // partner: the partner's binary protocol
+  auto* partner = app.add_subcommand("partner",
+      "the partner's binary protocol (236.5.7.1:8000; tracking on UDP 8001)");
+  partner->require_subcommand(1);
+  partner->footer("Cameras answer it only with partner=1 in /customer/upgrade.conf.");
+  double p_wait = 2.0;
+  auto* p_search = with_json(partner->add_subcommand("search", "find the cameras that answer it"), s);
+  p_search->add_option("--wait", p_wait, "seconds to listen (the request is resent meanwhile)")
+      ->capture_default_str()
+      ->check(CLI::PositiveNumber);
+  auto* p_query = with_json(with_timeout(partner->add_subcommand("query", "a camera's network settings"), s, 3), s);
+  camera_arg(p_query);
+  auto* p_set = with_json(with_timeout(partner->add_subcommand("set",
+      "set a camera's network settings (the camera reboots to apply them)"), s, 3), s);
+  camera_arg(p_set);
+  settings_flags(p_set, false);
+  std::optional<int> track_value;
+  auto* p_track = with_json(with_timeout(partner->add_subcommand("track",
+      "read a camera's tracking sensitivity, or set it (0-15)"), s, 5), s);
+  camera_arg(p_track);
+  p_track->add_option("VALUE", track_value, "the new sensitivity, 0 to 15");
+
+  // broadcast: commissioning on UDP 12811
+  auto* bcast = app.add_subcommand("broadcast", "broadcast commissioning (UDP 12811)");
+  bcast->require_subcommand(1);
+  bcast->footer("Cameras answer it only with broadcast=1 in /customer/upgrade.conf. A camera\n"
+                "named by its device ID is reached by broadcast, one named by its address directly.");
+  double b_wait = 2.0;
+  std::string b_to = kBroadcastAll;
+  auto* b_discover = with_json(bcast->add_subcommand("discover", "find the cameras and their network settings"), s);
+  b_discover->add_option("--wait", b_wait, "seconds to listen (the request is resent meanwhile)")
+      ->capture_default_str()
+      ->check(CLI::PositiveNumber);
+  b_discover->add_option("--to", b_to, "ask one address instead of broadcasting")->capture_default_str();
+  auto* b_netconfig = with_json(with_timeout(bcast->add_subcommand("netconfig",
+      "store a camera's network settings (applied at its next network start, no reboot)"), s, 3), s);
+  camera_arg(b_netconfig);
+  settings_flags(b_netconfig, true);
+  std::string action, action_value;
+  auto* b_production = with_json(with_timeout(bcast->add_subcommand("production",
+      "send a production-mode action (never answered)"), s, 3), s);
+  camera_arg(b_production);
+  b_production->add_option("ACTION", action, production_names())->required();
+  b_production->add_option("VALUE", action_value,
+                           "on or off for test-enable and central-cross; the model for update-model");
+  b_production->footer(
+      "Every action but test-enable is ignored until 'test-enable on' has been sent; the\n"
+      "camera never switches production mode off again.");
+
   // status
   status_options st;
   auto* status = with_json(app.add_subcommand("status", "list post-upgrade reports and confirm them"), s);
@@ -185,10 +239,25 @@ int main(int argc, char** argv) {
       lazy_lan lan(lan_opener(s, {channel::status}));
       return run_status(lan(), client_id, st, std::cout);
     }
-    lazy_lan lan(lan_opener(s, {channel::search, channel::batch}));
     double timeout = 3.0;
-    for (const auto& [name, t] : s.timeout)
-      if (app.got_subcommand(name)) timeout = t;
+    for (const auto& [cmd, t] : s.timeout)
+      if (cmd->parsed()) timeout = t;
+    if (partner->parsed()) {
+      lazy_lan lan(lan_opener(s, {channel::partner, channel::partner_alt, channel::direct}));
+      command_context ctx{lan, client_id, std::cout, std::cerr, s.json, timeout, 3.0};
+      if (p_search->parsed()) return cmd_partner_search(ctx, p_wait);
+      if (p_query->parsed()) return cmd_partner_query(ctx, who);
+      if (p_set->parsed()) return cmd_partner_set(ctx, who, cf);
+      return cmd_partner_track(ctx, who, track_value);
+    }
+    if (bcast->parsed()) {
+      lazy_lan lan(lan_opener(s, {channel::direct}));
+      command_context ctx{lan, client_id, std::cout, std::cerr, s.json, timeout, 3.0};
+      if (b_discover->parsed()) return cmd_broadcast_discover(ctx, b_to, b_wait);
+      if (b_netconfig->parsed()) return cmd_broadcast_netconfig(ctx, who, cf);
+      return cmd_broadcast_production(ctx, who, action, action_value);
+    }
+    lazy_lan lan(lan_opener(s, {channel::search, channel::batch}));
     command_context ctx{lan, client_id, std::cout, std::cerr, s.json, timeout, 3.0};
     if (confignet->parsed()) return cmd_confignet(ctx, who, cf);
     if (reboot->parsed()) return cmd_reboot(ctx, who, !no_wait);

@@ -13,6 +13,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "wire/partner.h"
 #include "wire/text.h"
 
 namespace camtool {
@@ -22,6 +23,9 @@ const char* channel_group(channel ch) {
     case channel::search: return wire::kSearchEndpoint.group;
     case channel::batch: return wire::kBatchEndpoint.group;
     case channel::status: return wire::kStatusEndpoint.group;
+    case channel::partner: return wire::partner::kReplyGroups[0];
+    case channel::partner_alt: return wire::partner::kReplyGroups[1];
+    case channel::direct: return "";
   }
   return "";
 }
@@ -31,6 +35,9 @@ int channel_port(channel ch) {
     case channel::search: return wire::kSearchEndpoint.port;
     case channel::batch: return wire::kBatchEndpoint.port;
     case channel::status: return wire::kStatusEndpoint.port;
+    case channel::partner:
+    case channel::partner_alt: return wire::partner::kPort;
+    case channel::direct: return 0;
   }
   return 0;
 }
@@ -46,12 +53,20 @@ std::string describe(const std::vector<iface_info>& all) {
   return out.empty() ? "none" : out;
 }
 
-sockaddr_in group_address(channel ch) {
+sockaddr_in address(const std::string& ip, int port) {
   sockaddr_in a = {};
   a.sin_family = AF_INET;
-  a.sin_port = htons(static_cast<uint16_t>(channel_port(ch)));
-  inet_pton(AF_INET, channel_group(ch), &a.sin_addr);
+  a.sin_port = htons(static_cast<uint16_t>(port));
+  inet_pton(AF_INET, ip.c_str(), &a.sin_addr);
   return a;
+}
+
+sockaddr_in group_address(channel ch) { return address(channel_group(ch), channel_port(ch)); }
+
+// Where send() goes: the partner's requests to its request group.
+std::string send_group(channel ch) {
+  return ch == channel::partner || ch == channel::partner_alt ? wire::partner::kRequestGroup
+                                                               : channel_group(ch);
 }
 
 class lan_transport : public transport {
@@ -64,8 +79,13 @@ class lan_transport : public transport {
   }
 
   void send(channel ch, std::string_view data) override {
+    if (ch == channel::direct) throw tool_error("internal: a direct datagram needs an address", kExitFailed);
+    send_to(ch, send_group(ch), channel_port(ch), data);
+  }
+
+  void send_to(channel ch, const std::string& ip, int port, std::string_view data) override {
     const endpoint& e = find(ch);
-    sockaddr_in to = group_address(ch);
+    sockaddr_in to = address(ip, port);
     // A fast stream can fill the socket's send queue: wait for room.
     for (int tries = 0;; ++tries) {
       ssize_t n = sendto(e.fd, data.data(), data.size(), 0, reinterpret_cast<sockaddr*>(&to),
@@ -76,9 +96,8 @@ class lan_transport : public transport {
         poll(&p, 1, 1);
         continue;
       }
-      throw tool_error(std::string("sending to ") + channel_group(ch) + ":" +
-                           std::to_string(channel_port(ch)) + " on " + iface_.name + ": " +
-                           (n < 0 ? strerror(errno) : "short send"),
+      throw tool_error("sending to " + ip + ":" + std::to_string(port) + " on " + iface_.name +
+                           ": " + (n < 0 ? strerror(errno) : "short send"),
                        kExitFailed);
     }
   }
@@ -137,6 +156,7 @@ class lan_transport : public transport {
   void open(channel ch) {
     int fd = socket(AF_INET, SOCK_DGRAM, 0);
     if (fd < 0) throw tool_error(std::string("socket: ") + strerror(errno), kExitFailed);
+    if (ch == channel::direct) return open_direct(fd);
     std::string where = std::string(channel_group(ch)) + ":" + std::to_string(channel_port(ch));
     int one = 1, zero = 0, ttl = 1;
     setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one));
@@ -156,6 +176,17 @@ class lan_transport : public transport {
     int rcvbuf = 1 << 20;  // bursts of replies from a whole site
     setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &rcvbuf, sizeof(rcvbuf));
     endpoints_.push_back({ch, fd});
+  }
+
+  // Bound to the interface's address: the replies come back to it, and the
+  // kernel sends a datagram for 255.255.255.255 out of this interface.
+  void open_direct(int fd) {
+    int one = 1;
+    setsockopt(fd, SOL_SOCKET, SO_BROADCAST, &one, sizeof(one));
+    sockaddr_in local = address(iface_.ipv4, 0);
+    if (bind(fd, reinterpret_cast<sockaddr*>(&local), sizeof(local)) != 0)
+      fail(fd, "cannot bind a socket to " + iface_.ipv4 + " on " + iface_.name);
+    endpoints_.push_back({channel::direct, fd});
   }
 
   iface_choice iface_;

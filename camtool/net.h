@@ -1,6 +1,6 @@
-// The LAN side of camtool: which interface it talks on, and the multicast
-// endpoints (search, batch and status groups) every command is written
-// against through `transport`, so that tests can put a fake LAN there.
+// The LAN side of camtool: which interface it talks on, and the endpoints
+// every command is written against through `transport`, so that tests can
+// put a fake LAN there.
 #pragma once
 
 #include <functional>
@@ -14,9 +14,12 @@
 
 namespace camtool {
 
-// The three groups camtool joins (wire/text.h gives their addresses).
-enum class channel { search, batch, status };
-const char* channel_group(channel ch);
+// The text protocol's three groups (wire/text.h); the partner protocol's two
+// reply groups, whose requests go to its request group (wire/partner.h); and
+// `direct`, a socket on the interface's address for datagrams to one address
+// or the broadcast address, answered straight to it.
+enum class channel { search, batch, status, partner, partner_alt, direct };
+const char* channel_group(channel ch);  // the group it joins; "" for direct
 int channel_port(channel ch);
 
 struct datagram {
@@ -28,8 +31,11 @@ struct datagram {
 class transport {
  public:
   virtual ~transport() = default;
-  // One datagram to the channel's group and port.
+  // One datagram to the channel's group and port (for the partner
+  // channels: the partner's request group).
   virtual void send(channel ch, std::string_view data) = 0;
+  // One datagram from the channel's socket to ip:port (unicast or broadcast).
+  virtual void send_to(channel ch, const std::string& ip, int port, std::string_view data) = 0;
   // The next datagram heard on any joined channel, or nothing once
   // `deadline` has passed (or the run was interrupted).
   virtual std::optional<datagram> receive(time_point deadline) = 0;

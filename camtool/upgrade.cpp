@@ -64,10 +64,11 @@ class string_file : public file_source {
 };
 
 // After its terminal acknowledgement a camera answers searches until it
-// reboots; silence this long means it went down.
+// reboots; silence this long is reported as going down. Only its uptime
+// starting again, or its post-upgrade report, shows that it rebooted.
 constexpr double kDownGap = 2.0;
-// A camera still answering this long after a terminal acknowledgement did
-// not reboot (a camera started in debug mode keeps running after a bad md5).
+// A camera still answering with its old uptime this long after a bad md5
+// did not reboot (a camera started in debug mode keeps running).
 constexpr double kRebootGrace = 15.0;
 constexpr double kAnnounceResend = 10.0;
 
@@ -189,6 +190,9 @@ class upgrade_run {
         c.ip = it->second.ip;
         c.model = it->second.model;
         c.version_before = it->second.version;
+        // Heard at the latest now: a restart is never seen too early.
+        c.uptime = it->second.uptime;
+        c.uptime_at = net_.now();
       }
       cams_.push_back(c);
     };
@@ -297,13 +301,13 @@ class upgrade_run {
                            static_cast<double>(c->uptime) + between(c->uptime_at, now);
       c->uptime = r->uptime;
       c->uptime_at = now;
-      if (c->expect_reboot && !c->back && now > c->ended) {
-        if (c->went_down || restarted) {
-          c->rebooted = true;
-          came_back(*c, now, r->version);
-        } else if (between(c->ended, now) >= kRebootGrace) {
-          came_back(*c, now, r->version);  // it never went down
-        }
+      if (!c->expect_reboot || now <= c->ended) return;
+      if (restarted && !c->rebooted) {
+        c->rebooted = true;
+        came_back(*c, now, r->version);
+      } else if (!c->back && c->verdict == wire::ACK_MD5_BAD &&
+                 between(c->ended, now) >= kRebootGrace) {
+        came_back(*c, now, r->version);
       }
     } else if (auto s = wire::parse_status_report(d.data)) {
       camera_state* c = camera(s->device_id);
@@ -314,7 +318,7 @@ class upgrade_run {
       err_ << "  " << c->id << ": post-upgrade report, version " << s->version << "; confirmed\n";
       if (!c->expect_reboot) return;
       c->reported = c->confirmed = true;
-      if (!c->back) {
+      if (!c->rebooted) {
         c->rebooted = true;  // the report is sent once, at start-up
         came_back(*c, now, s->version);
       }
@@ -354,7 +358,8 @@ class upgrade_run {
       for (camera_state* c : names)
         if (c->ready == 0) silent.push_back(c->id);
       if (silent.empty() || net_.now() >= end) break;
-      net_.send(channel::batch, announcement(silent));
+      for (const std::string& a : split_batch(silent, [&](const auto& ids) { return announcement(ids); }))
+        net_.send(channel::batch, a);
       time_point next = std::min(end, after(net_.now(), kAnnounceResend));
       while (net_.now() < next) {
         auto d = net_.receive(next);
@@ -374,6 +379,7 @@ class upgrade_run {
     follow(ready);
   }
 
+  // One datagram; a long list of cameras takes several (split_batch).
   std::string announcement(const std::vector<std::string>& ids) const {
     wire::announcement a;
     a.device_ids = ids;

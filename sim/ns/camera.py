@@ -8,8 +8,8 @@ UDP and TCP. Everything runs as root; see README.md for the API.
 
 The rig is split over rigbase.py (constants, host helpers), camroot.py (fixture
 files of a camera root), session.py (session, leftovers), lan.py (the LAN),
-transfer.py (the tool's side of a multicast upgrade) and this file (the
-camera); every public name is importable from here.
+transfer.py (the tool's side of a multicast upgrade), power.py (boots a
+camera again after its reboot) and this file (the camera); every public name is importable from here.
 """
 
 from __future__ import annotations
@@ -31,6 +31,7 @@ from camroot import (  # noqa: F401  (re-exported)
     DEFAULT_FILES, DEFAULT_FW_ENV_CONFIG, DEFAULT_MTD, DEFAULT_PID_LIST, DEFAULT_UBOOT_ENV,
     CameraFiles, del_list_text, mtd_text, pid_list_text)
 from lan import Lan, Listener, Reply, search_datagram  # noqa: F401  (re-exported)
+from power import PowerOn  # noqa: F401  (re-exported)
 from rigbase import (  # noqa: F401  (re-exported)
     BATCH_GROUP, CAMERA_PATH, CLONE_NEWNET, CONTROL_PORT, HERE, LAUNCH, NETNS_PREFIX, NS_KINDS,
     ROOTFS, SEARCH_GROUP, SESSION_PREFIX, TCP_PORT, TOOL_PATH, RigError, in_netns, ns_link,
@@ -39,11 +40,20 @@ from session import (  # noqa: F401  (re-exported)
     Session, leftovers, shared_libraries, sweep_stale)
 from tracking import TRACKING_PORT, TrackingService  # noqa: F401  (re-exported)
 from transfer import (  # noqa: F401  (re-exported)
-    STATUS_GROUP, Transfer, confirmation, packet, packets, wait_ready)
+    STATUS_GROUP, Transfer, confirmation, packet, packets, wait_ready, zip_package)
 
 
 # --------------------------------------------------------------------------
 # the camera
+
+
+def _fresh_uptime():
+    """unshare options for a time namespace whose boot-time clock starts near
+    0, so that the camera's uptime (sysinfo, /proc/uptime) counts from this
+    boot, as on a camera; none where the kernel has no time namespaces."""
+    if not os.path.exists("/proc/self/ns/time"):
+        return []
+    return ["--time", "--boottime", str(-int(time.clock_gettime(time.CLOCK_BOOTTIME)))]
 
 
 @dataclasses.dataclass
@@ -191,7 +201,7 @@ class Camera(CameraFiles):
         init_log = open(self.path("/.rig/console/init.log"), "ab")
         try:
             self.proc = subprocess.Popen(
-                ["unshare", "--mount", "--net", "--pid", "--uts", "--fork",
+                ["unshare", "--mount", "--net", "--pid", "--uts", *_fresh_uptime(), "--fork",
                  "--propagation", "private", "/bin/sh", str(LAUNCH), str(self.root),
                  *outside_namespaces()],
                 stdin=subprocess.PIPE, stdout=init_log, stderr=subprocess.STDOUT,
@@ -431,8 +441,9 @@ class Camera(CameraFiles):
         its root); returns the CompletedProcess."""
         if not self.running:
             raise RigError(f"{self.name} is not running")
+        time_ns = ["--time"] if ns_link(self.init_pid, "time") != ns_link("self", "time") else []
         return run(["nsenter", f"--target={self.init_pid}", "--mount", "--uts", "--net",
-                    "--pid", "--root", "--wd", "env", "-i", f"PATH={CAMERA_PATH}",
+                    "--pid", *time_ns, "--root", "--wd", "env", "-i", f"PATH={CAMERA_PATH}",
                     "/bin/sh", "-c", command], check=check, timeout=timeout)
 
     def socket(self, kind=socket.SOCK_DGRAM, family=socket.AF_INET):

@@ -1,17 +1,21 @@
-"""Starts one sandboxed camera and shows the daemon working (run by tools/demo).
+"""Starts two sandboxed cameras and shows them at work through camtool (run
+by tools/demo): the daemon's start-up, a search, a query and an upgrade of
+both cameras in one stream with every acknowledgement, then a search that
+finds them back with the new version.
 
-    /usr/bin/python3 sim/ns/demo.py path/to/upgrade
+    /usr/bin/python3 sim/ns/demo.py path/to/upgrade [path/to/camtool]
+
+camtool runs inside the sandbox's LAN namespace, never on this machine's
+network. Without its path, the camtool built beside the daemon is used.
 """
 
+import os
 import sys
-import time
 from pathlib import Path
 
 sys.path.insert(0, str(Path(__file__).resolve().parent))
 
 import camera as rig  # noqa: E402
-
-CLIENT_ID = "00112233445566778899aabbccddeeff"
 
 
 def show(title, lines):
@@ -21,49 +25,56 @@ def show(title, lines):
 
 
 def main(argv):
-    if len(argv) != 2:
+    if len(argv) not in (2, 3):
         print(__doc__.strip(), file=sys.stderr)
+        return 2
+    camtool = Path(argv[2]) if len(argv) == 3 else Path(argv[1]).parent / "camtool" / "camtool"
+    if not camtool.is_file():
+        print(f"no camtool at {camtool}: build the 'camtool' target or pass its path",
+              file=sys.stderr)
         return 2
     rig.sweep_stale()
     session = rig.Session(argv[1])
     lan = rig.Lan(session).start()
-    ok, cam = False, None
-    try:
-        cam = rig.Camera(session, lan, name="demo-cam")
-        print(f"camera root {cam.root}")
-        print(f"LAN {lan.name}: tool at {lan.ip}, camera eth0 {cam.ip} ({cam.mac})")
-        cam.start(ready="init socket succeed", timeout=15)
-        time.sleep(0.5)
-        show("daemon start-up, standard output", cam.lines("stdout"))
-        show("daemon start-up, standard error", cam.lines("stderr") or ["(nothing)"])
-        show("processes in the camera", [f"{p.pid:>4} {' '.join(p.argv)}"
-                                         for p in cam.processes()])
-        with lan.connect(cam.ip, rig.TCP_PORT, timeout=5):
-            print(f"\nTCP {cam.ip}:{rig.TCP_PORT}: connection accepted")
+    ok, cams = False, []
 
-        request = rig.search_datagram(CLIENT_ID)
-        group, port = rig.SEARCH_GROUP
-        print(f"\n--- sending {request!r} to {group}:{port}")
-        replies = lan.request(request, group, port, timeout=3.0, count=1, resend=0.5,
-                              match=lambda r: not r.data.startswith(b"SEARCH * "))
-        if not replies:
-            print("    no reply (discovery not built yet)")
-        for r in replies:
-            print(f"    reply from {r.src[0]}:{r.src[1]}:")
-            for line in r.text.split("\r\n"):
-                print(f"      {line}")
-        ok = cam.running
-        if not ok:
-            print(f"\nthe camera ended: {cam.end_reason()}")
+    def run(*args):
+        print(f"\n$ camtool {' '.join(map(str, args))}", flush=True)
+        p = lan.exec([camtool, *map(str, args)], check=False, capture_output=False)
+        return p.returncode
+
+    try:
+        cams = [rig.Camera(session, lan, name=f"demo-cam{i}") for i in (1, 2)]
+        for cam in cams:
+            cam.start(ready="init socket succeed", timeout=15)
+            print(f"{cam.name}: eth0 {cam.ip} ({cam.mac}), root {cam.root}")
+        print(f"LAN {lan.name}: the tool's side at {lan.ip}")
+        first = cams[0]
+        show(f"{first.name}: daemon start-up, standard output", first.lines("stdout"))
+        show(f"{first.name}: processes", [f"{p.pid:>4} {' '.join(p.argv)}"
+                                          for p in first.processes()])
+
+        ok = run("search") == 0
+        ok = run("query", first.ip) == 0 and ok
+        fw = session.workdir / "app_V2.6.0.zip"
+        fw.write_bytes(rig.zip_package({"customer/version_file": "V2.6.0",
+                                        "customer/payload.bin": os.urandom(2 << 20)}))
+        # Each camera reboots after its installation; the rig powers it on again.
+        with rig.PowerOn(cams) as power:
+            ok = run("upgrade", fw, "--mode", 1, "--all") == 0 and ok
+        ok = run("search") == 0 and ok and not power.failures
+        for line in power.failures:
+            print(f"rig: {line}")
+        ok = ok and all(cam.running for cam in cams)
     finally:
-        if cam is not None:
+        for cam in cams:
             cam.teardown(keep=not ok)
             if not ok:
                 print(f"camera root kept for inspection: {cam.root}")
         lan.stop()
         session.close()
     left = rig.leftovers(session.owner)
-    print("\ncamera stopped; sandbox removed" if not any(left.values())
+    print("\ncameras stopped; sandbox removed" if not any(left.values())
           else f"\nleft behind: {left}")
     return 0 if ok else 1
 

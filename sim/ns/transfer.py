@@ -12,7 +12,9 @@ announcements, transfer packets and the cameras' acknowledgements
 from __future__ import annotations
 
 import hashlib
+import io
 import secrets
+import zipfile
 
 from rigbase import BATCH_GROUP
 
@@ -29,6 +31,15 @@ def announcement(device_ids, session, name, md5, size, mode=1, client=CLIENT):
     if mode is not None:
         text += f"\r\nUpgrade Mode:{mode}"
     return text.encode()
+
+
+def zip_package(files):
+    """A system package (mode 1): a zip of {path under "/": str | bytes}."""
+    buf = io.BytesIO()
+    with zipfile.ZipFile(buf, "w", zipfile.ZIP_DEFLATED) as z:
+        for name, data in files.items():
+            z.writestr(name, data)
+    return buf.getvalue()
 
 
 def packet(kind, session, data=b""):

@@ -22,14 +22,12 @@ using camtool::time_point;
 struct fake_camera {
   std::string id, ip;
   std::string version = "V1.0", new_version = "V2.0";
-  bool hears = true;          // false: a camera that never answers
   char ready_code = '0';      // answer to the announcement
   double ready_delay = 6.0;   // it stops its programs first
   int md5_failures = 0;       // rounds whose stored file will not match
   double down_for = 5.0;      // seconds between its reboot and its return
   bool reboots = true;        // false: a camera started in debug mode after a bad md5
   bool reports = true;        // sends its post-upgrade report when back
-  bool resets_uptime = false; // false: the uptime of the host, as in a namespace camera
   std::string mtd = "mtd0: 00080000 00010000 \"boot\"\nmtd1: 00300000 00010000 \"kernel\"\n";
   // What happened to it.
   std::vector<std::string> announced_sessions;
@@ -51,6 +49,7 @@ class fake_lan : public camtool::transport {
     time_point at;
     channel ch;
     std::string data;
+    std::string to;  // send_to's address
   };
   std::vector<sent_datagram> sent;
 
@@ -68,11 +67,15 @@ class fake_lan : public camtool::transport {
     return d;
   }
 
+  void send_to(channel ch, const std::string& ip, int, std::string_view text) override {
+    sent.push_back({now_, ch, std::string(text), ip});
+  }
+
   void send(channel ch, std::string_view text) override {
     std::string data(text);
-    sent.push_back({now_, ch, data});
+    sent.push_back({now_, ch, data, ""});
     for (fake_camera& c : cams)
-      if (c.hears && !down(c)) react(c, ch, data);
+      if (!down(c)) react(c, ch, data);
   }
 
   // The transfer packets sent, in order.
@@ -111,7 +114,7 @@ class fake_lan : public camtool::transport {
   void react(fake_camera& c, channel ch, const std::string& data) {
     if (data.rfind("SEARCH * ", 0) == 0) {
       bool back = c.up_at > time_point{} && now_ >= c.up_at;
-      time_point since = back && c.resets_uptime ? c.up_at : time_point{};
+      time_point since = back ? c.up_at : time_point{};
       uint64_t uptime = 100 + static_cast<uint64_t>(camtool::between(since, now_));
       reply(ch, c, 0.001,
             "REPLY OK \r\nVERSION:" + (back ? c.new_version : c.version) + "\r\nDEVICE_MODEL:K1.T" +

@@ -2,9 +2,8 @@
 // commands refuse or send.
 #include <gtest/gtest.h>
 
-#include <nlohmann/json.hpp>
-#include <sstream>
 
+#include "camtool/broadcast.h"
 #include "camtool/commands.h"
 #include "camtool/fake_lan.h"
 #include "camtool/finder.h"
@@ -61,18 +60,6 @@ TEST(Search, OneRecordPerCameraHeardOnBothGroupsAndResolveByAddress) {
   for (const auto& s : lan.sent) requests += s.data.rfind("SEARCH * ", 0) == 0;
   EXPECT_EQ(requests, 2u * 4) << "both groups, every half second";
 
-  std::ostringstream out;
-  camtool::search_options o;
-  o.json = true;
-  camtool::run_search(lan, std::string(32, 'c'), o, out);
-  std::istringstream lines(out.str());
-  std::string line;
-  ASSERT_TRUE(std::getline(lines, line));
-  auto j = nlohmann::json::parse(line);
-  EXPECT_EQ(j["device_id"], std::string(32, 'a'));
-  EXPECT_EQ(j["version"], "V1.0");
-  EXPECT_EQ(j["dhcp"], false);
-
   // Found by its address, at once.
   auto before = lan.now();
   EXPECT_EQ(camtool::resolve(lan, std::string(32, 'c'), "192.168.77.11", 3.0).device_id,
@@ -82,7 +69,7 @@ TEST(Search, OneRecordPerCameraHeardOnBothGroupsAndResolveByAddress) {
   EXPECT_THROW(camtool::resolve(lan, std::string(32, 'c'), "cam-1", 1.0), camtool::tool_error);
 }
 
-TEST(Confignet, FlagsOverTheCurrentSettingsAndMalformedValuesRefused) {
+TEST(Confignet, FlagsOverTheCurrentSettings) {
   wire::camera_record now;
   now.dhcp = true;
   now.ip = "192.168.77.10";
@@ -95,34 +82,36 @@ TEST(Confignet, FlagsOverTheCurrentSettingsAndMalformedValuesRefused) {
   f.ip = "192.168.77.50";
   f.mac = "02-AA-BB-CC-DD-EE";
   EXPECT_NO_THROW(camtool::check_confignet(f));
-  wire::net_settings s = camtool::merge_settings(now, f);
+  wire::net_settings s = camtool::merge_settings(camtool::settings_of(now), f);
   EXPECT_FALSE(s.dhcp);
   EXPECT_EQ(s.ipaddr, "192.168.77.50");
   EXPECT_EQ(s.netmask, "255.255.255.0");
   EXPECT_EQ(s.gateway, "192.168.77.1");
   EXPECT_EQ(s.macaddr, "02:aa:bb:cc:dd:ee");
 
-  auto refused = [](camtool::confignet_flags bad) {
-    try {
-      camtool::check_confignet(bad);
-    } catch (const camtool::tool_error& e) {
-      return e.status == camtool::kExitRefused;
-    }
-    return false;
+}
+
+TEST(Production, ActionsAndTheirValues) {
+  struct {
+    const char *name, *value, *word, *extra;
+  } ok[] = {
+      {"test-enable", "on", "action=test enable", "enable=on"},
+      {"central-cross", "off", "action=central cross", "enable=off"},
+      {"update-model", "PTZ-20 B", "action=update model", "model=PTZ-20 B"},
+      {"lens-calibration", "", "action=lens calibration", ""},
+      {"restore-factory", "", "action=action=restore factory setting", ""},
   };
-  EXPECT_TRUE(refused({})) << "nothing to set";
-  camtool::confignet_flags bad;
-  bad.ip = "192.168.1.256";
-  EXPECT_TRUE(refused(bad));
-  bad = {};
-  bad.mask = "255.0.255.0";
-  EXPECT_TRUE(refused(bad));
-  bad = {};
-  bad.dhcp = "yes";
-  EXPECT_TRUE(refused(bad));
-  bad = {};
-  bad.mac = "01:00:5e:00:00:01";
-  EXPECT_TRUE(refused(bad));
+  for (const auto& k : ok) {
+    auto [action, extra] = camtool::production_of(k.name, k.value);
+    EXPECT_STREQ(action.word, k.word) << k.name;
+    EXPECT_EQ(extra, k.extra) << k.name;
+  }
+  std::pair<const char*, const char*> refused[] = {
+      {"test-enable", ""}, {"test-enable", "yes"}, {"update-model", ""}, {"update-model", "a\nb"},
+      {"zoom-test", "on"}, {"dance", ""},
+  };
+  for (const auto& [name, value] : refused)
+    EXPECT_THROW(camtool::production_of(name, value), camtool::tool_error) << name << " " << value;
 }
 
 }  // namespace

@@ -5,7 +5,6 @@ upgrade tests need the camera's multicast upgrade handler; they are skipped
 while the daemon under test has none.
 """
 
-import io
 import json
 import os
 import re
@@ -13,7 +12,6 @@ import signal
 import subprocess
 import threading
 import time
-import zipfile
 from pathlib import Path
 
 import pytest
@@ -169,7 +167,6 @@ def test_bad_input_refused_before_anything_is_sent(lan, camtool, tmp_path):
     good.write_bytes(b"PK")
     cases = [
         (["confignet", NOBODY, "--ip", "192.168.1.256"], "--ip '192.168.1.256' is not an IPv4"),
-        (["confignet", NOBODY, "--mask", "255.0.255.0"], "is not a netmask"),
         (["lumconfig", NOBODY, "--mac", "01:00:5e:00:00:01"], "not a unicast MAC"),
         (["production", "camera-1"], "neither a device ID"),
         (["upgrade", hostile, "--mode", 1, "--all"], "would be refused by the cameras"),
@@ -177,6 +174,8 @@ def test_bad_input_refused_before_anything_is_sent(lan, camtool, tmp_path):
         (["upgrade", good, "--mode", 12, "--all"], "is not an upgrade mode"),
         (["upgrade", good, "--mode", 1], "--to ID[,ID...] or give --all"),
         (["--iface", "eth9", "search"], "no interface named eth9; interfaces: lo (127.0.0.1), br0"),
+        (["partner", "track", NOBODY, 16], "goes from 0 to 15, not 16"),
+        (["broadcast", "production", NOBODY, "dance"], "no production action 'dance'"),
     ]
     with lan.listen(*rig.BATCH_GROUP) as batch, lan.listen(*rig.SEARCH_GROUP) as search:
         for args, message in cases:
@@ -220,6 +219,67 @@ def test_status_lists_and_confirms_a_report(start_camera, lan, camtool):
                         r"\r\nStatus=2", confirmation)
 
 
+def test_partner_protocol_search_query_tracking_and_settings(start_camera, lan, camtool):
+    on = {"/customer/upgrade.conf": "partner=1\n"}
+    hk = start_camera(files=on)  # model K1.T: its tracking service counts 0..4
+    dk = start_camera(files={**on, "/home/device_model_file": "S2T\n"})
+    start_camera()  # the protocol switched off: not found
+    for cam in (hk, dk):
+        cam.wait_line("init search_mira succeed")
+    p = camtool("partner", "search", "--json")
+    assert {j["device_id"]: (j["ip"], j["mac"], j["type"]) for j in json_lines(p.stdout)} == {
+        hk.device_id: (hk.ip, hk.mac, "HKW7"), dk.device_id: (dk.ip, dk.mac, "DKW7")}, p.stderr
+
+    p = camtool("partner", "query", dk.ip, "--json")
+    assert json_lines(p.stdout) == [{"device_id": dk.device_id, "dhcp": False, "ip": dk.ip,
+                                     "netmask": "255.255.255.0", "gateway": lan.ip,
+                                     "dns": "8.8.8.8", "dns2": "8.8.8.8"}], p.stderr
+
+    with rig.TrackingService(hk, raw=2) as service:
+        p = camtool("partner", "track", hk.device_id, "--json")
+        assert json_lines(p.stdout)[0]["sensitivity"] == 7, p.stderr
+        p = camtool("partner", "track", hk.ip, 8)
+        assert "set to 8; the camera reads back 7" in p.stdout, p.stderr
+        assert service.raw == 2
+    p = camtool("partner", "track", dk.ip, "--timeout", 1)  # no tracking service there
+    assert p.returncode == 1 and "no tracking reply" in p.stderr
+
+    p = camtool("partner", "set", dk.device_id, "--dhcp", "on", "--dns", "9.9.9.9")
+    assert p.returncode == 0 and "accepted; the camera reboots" in p.stdout, p.stderr
+    dk.wait_reboot(timeout=30)
+    assert dk.read_text("/data/net.conf") == (
+        f"dhcp=1\nipaddr={dk.ip}\nnetmask=255.255.255.0\ngateway={lan.ip}\nfdns=9.9.9.9\n"
+        f"macaddr={dk.mac}\n")
+
+
+def test_broadcast_discovery_netconfig_and_production_mode(start_camera, lan, camtool):
+    on = {"/customer/upgrade.conf": "broadcast=1\n"}
+    a, b = start_camera(files=on), start_camera(files=on)
+    start_camera()  # the service switched off: not found
+    for cam in (a, b):
+        cam.wait_line("init broadcast finish")
+    p = camtool("broadcast", "discover")
+    for cam in (a, b):
+        assert re.search(rf"^{cam.device_id}\s+{re.escape(cam.ip)}\s+{cam.mac}\s+off\s+"
+                         rf"255.255.255.0\s+{re.escape(lan.ip)}\s+8.8.8.8$", p.stdout, re.M), p.stdout
+    assert p.stdout.rstrip().endswith("2 cameras")
+
+    p = camtool("broadcast", "netconfig", a.device_id, "--ip", "192.168.77.50", "--json")
+    assert json_lines(p.stdout)[0]["accepted"] is True, p.stderr
+    assert a.read_text("/data/net.conf") == (
+        f"dhcp=0\nipaddr=192.168.77.50\nnetmask=255.255.255.0\ngateway={lan.ip}\nfdns=8.8.8.8\n"
+        f"macaddr={a.mac}\n")
+    assert a.running
+
+    # Ignored until production mode is switched on, then taken.
+    for args in (("update-model", "X1"), ("test-enable", "on"), ("update-model", "PTZ-20")):
+        p = camtool("broadcast", "production", b.ip, *args)
+        assert p.returncode == 0 and "answered a discovery sent after it" in p.stdout, p.stderr
+    b.wait_line("new model: PTZ-20")
+    assert sum("production_mode_enable == 0" in line for line in b.lines()) == 1
+    assert not any("new model: X1" in line for line in b.lines())
+
+
 def test_upgrade_reports_a_camera_that_never_answers(start_camera, lan, camtool, tmp_path):
     cam = start_camera()
     fw = tmp_path / "fw.zip"
@@ -243,14 +303,6 @@ exec /bin/busybox md5sum "$@"
 """
 
 
-def zip_package(files):
-    buf = io.BytesIO()
-    with zipfile.ZipFile(buf, "w", zipfile.ZIP_DEFLATED) as z:
-        for name, data in files.items():
-            z.writestr(name, data)
-    return buf.getvalue()
-
-
 def test_upgrade_three_cameras_one_stream_md5_failure_retried(start_camera, lan, camtool,
                                                               upgrade_bin, tmp_path):
     if not has_upgrade_handler(upgrade_bin):
@@ -263,29 +315,15 @@ def test_upgrade_three_cameras_one_stream_md5_failure_retried(start_camera, lan,
     b.start()
     payload = os.urandom(300_000)
     fw = tmp_path / "app_V2.6.0.zip"
-    fw.write_bytes(zip_package({"customer/version_file": "V2.6.0",
+    fw.write_bytes(rig.zip_package({"customer/version_file": "V2.6.0",
                                 "customer/payload.bin": payload}))
 
-    failures = []
-
-    def restart_after_reboots(cam, count):
-        try:
-            for _ in range(count):
-                cam.wait_reboot(timeout=180)
-                cam.restart()
-        except AssertionError as e:  # reported with camtool's output below
-            failures.append(f"{cam.name}: {e}")
-
-    threads = [threading.Thread(target=restart_after_reboots, args=(cam, n))
-               for cam, n in ((a, 1), (b, 2), (c, 1))]
-    for t in threads:
-        t.start()
-    p = camtool("upgrade", fw, "--mode", 1, "--to",
-                ",".join([a.device_id, b.ip, c.device_id]), "--json", timeout=400)
-    for t in threads:
-        t.join(200)
-    assert not failures, (failures, p.stderr)
+    with rig.PowerOn([a, b, c]) as power:
+        p = camtool("upgrade", fw, "--mode", 1, "--to",
+                    ",".join([a.device_id, b.ip, c.device_id]), "--json", timeout=400)
+    assert not power.failures, (power.failures, p.stderr)
     assert p.returncode == 0, p.stdout + p.stderr
+    assert (a.boots, b.boots, c.boots) == (2, 3, 2)
     got = {j["device_id"]: j for j in json_lines(p.stdout)}
     assert got[b.device_id]["acks"] == ["06", "057"], p.stderr
     for cam in (a, c):

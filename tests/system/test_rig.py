@@ -44,7 +44,7 @@ def test_daemon_boots_answers_tcp_and_reboot_is_seen(camera, lan):
     assert camera.processes() == []
 
 
-def test_busybox_reboot_signals_init_and_restart_keeps_flash_data(start_camera):
+def test_busybox_reboot_signals_init_and_restart_keeps_flash_data(start_camera, lan):
     cam = start_camera(flash={0: 0x10000})
     uuid_before = cam.read("/data/uuid_file")
     cam.write("/dev/scratch", "gone after a reboot")
@@ -53,6 +53,7 @@ def test_busybox_reboot_signals_init_and_restart_keeps_flash_data(start_camera):
     cam.wait_reboot(timeout=5)
     assert cam.end_reason() == "rebooted (busybox, init signal TERM)"
 
+    restarted = time.monotonic()
     cam.restart()
     assert cam.boots == 2
     assert not cam.exists("/dev/scratch")
@@ -60,6 +61,10 @@ def test_busybox_reboot_signals_init_and_restart_keeps_flash_data(start_camera):
     assert cam.read("/data/uuid_file") == uuid_before
     assert cam.exists("/.rig/console/stdout.boot1")
     assert cam.wait_line("init socket succeed")
+    # The uptime counts from this boot: less than a second of the clock is
+    # carried over, and the daemon's sysinfo rounds up to whole seconds.
+    [reply] = lan.search(count=1, from_ip=cam.ip)
+    assert int(reply.fields()["Uptime"]) <= time.monotonic() - restarted + 2
 
 
 def test_daemon_exit_is_reported_not_taken_for_a_reboot(start_camera):

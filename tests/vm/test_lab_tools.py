@@ -1,0 +1,68 @@
+"""The lab's host-side pieces without a virtual camera: the flash file as
+the tests read it and the STM32 bootloader served on a pty."""
+
+import os
+import subprocess
+import termios
+import tty
+
+import vmcam
+
+P, RAW, PPB = vmcam.PAGE, vmcam.RAW_PAGE, vmcam.PAGES_PER_BLOCK
+
+
+def test_flash_file_pages_oob_bad_blocks_and_erase_count(tmp_path):
+    flash = vmcam.Flash(tmp_path / "f.nand", [("a", 2), ("b", None)], blocks=6)
+    flash.create()
+    with open(flash.path, "r+b") as f:
+        for block in range(6):
+            for page in range(PPB):
+                f.seek((block * PPB + page) * RAW)
+                f.write(bytes([block]) * P + bytes([0xFF if block != 3 else 0x00]) + b"\xff" * 63)
+        f.seek(6 * PPB * RAW)
+        f.write((42).to_bytes(8, "little"))
+    assert flash.bad_blocks() == [3]  # marker in the first OOB byte of page 0
+    assert flash.partition(0) == bytes([0]) * (PPB * P) + bytes([1]) * (PPB * P)
+    assert flash.partition(1, skip_bad=True) == b"".join(bytes([b]) * (PPB * P)
+                                                         for b in (2, 4, 5))
+    assert flash.erase_count() == 42
+
+
+def test_stm32_serve_programs_and_takes_a_quiet_line_for_a_reset(tmp_path):
+    prog = vmcam.find_program("stm32_serve")
+    assert prog, "build stm32_serve (a host preset)"
+    link, out = tmp_path / "tty", tmp_path / "flash.bin"
+    srv = subprocess.Popen([prog, "--link", link, "--flash-out", out], stdout=subprocess.PIPE,
+                           text=True)
+    try:
+        srv.stdout.readline()  # the pty's path: the link is in place
+        fd = os.open(os.path.realpath(link), os.O_RDWR | os.O_NOCTTY)
+        tty.setraw(fd)
+        termios.tcflush(fd, termios.TCIOFLUSH)
+
+        def talk(data, answer=b"\x79"):
+            os.write(fd, data)
+            assert os.read(fd, 1) == answer
+
+        talk(b"\x7f")
+        talk(b"\x31\xce")
+        talk(bytes([0x08, 0, 0, 0, 0x08]))
+        payload = b"\x01\x02\x03\x04"
+        chk = 3
+        for b in payload:
+            chk ^= b
+        talk(bytes([3]) + payload + bytes([chk]))
+        talk(b"\x21\xde")
+        talk(bytes([0x08, 0, 0, 0, 0x08]))
+        lines = [srv.stdout.readline() for _ in range(2)]
+        assert lines[1].startswith("go: 0x08000000 after 1 blocks, 4 bytes")
+        assert out.read_bytes() == payload
+        # The camera's reset pulse is invisible here: a quiet line ends the
+        # session, and the next sync byte is answered again.
+        assert srv.stdout.readline().startswith("session: end")
+        talk(b"\x7f")
+        os.close(fd)
+    finally:
+        srv.terminate()
+        srv.wait(10)
+    assert not link.exists()

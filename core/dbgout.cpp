@@ -88,12 +88,12 @@ int traceout(const char* fmt, ...) {
   if (g_net.open_flag == 0) {
     struct stat st;
     if (stat(path.c_str(), &st) != 0) {
-      g_net.stream = fopen(path.c_str(), "w+");
+      g_net.stream = fopen(path.c_str(), "w+e");
     } else if (st.st_size <= kNetworkLogLimit) {
-      g_net.stream = fopen(path.c_str(), "a");
+      g_net.stream = fopen(path.c_str(), "ae");
     } else {
       // Overwrite the oldest text in place; the file keeps its length.
-      g_net.stream = fopen(path.c_str(), "r+");
+      g_net.stream = fopen(path.c_str(), "r+e");
     }
     g_net.open_flag = 1;
   }
@@ -105,7 +105,7 @@ int traceout(const char* fmt, ...) {
   if (stat(path.c_str(), &st) != 0) {
     // The file was removed under us: start a new one. The old stream is
     // deliberately left open (its descriptor points at the removed file).
-    g_net.stream = fopen(path.c_str(), "w+");
+    g_net.stream = fopen(path.c_str(), "w+e");
     DBG_ERR("stat ERR\n");
   } else if (pos > kNetworkLogLimit) {
     fclose(g_net.stream);
@@ -126,9 +126,9 @@ int traceout_data(const char* fmt, ...) {
   if (g_data.open_flag == 0) {
     struct stat st;
     if (stat(path.c_str(), &st) == 0 && st.st_size < kDataLogLimit + 1)
-      g_data.stream = fopen(path.c_str(), "a");
+      g_data.stream = fopen(path.c_str(), "ae");
     else
-      g_data.stream = fopen(path.c_str(), "w+");
+      g_data.stream = fopen(path.c_str(), "w+e");
     g_data.open_flag = 1;
   }
   emit(g_data.stream, text);

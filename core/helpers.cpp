@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cctype>
 #include <cerrno>
 #include <climits>
@@ -343,4 +344,27 @@ std::string shell_quote(const char* text) {
   }
   out += "'";
   return out;
+}
+
+namespace {
+// Lock-free: a forked child has only the thread that forked, and a lock
+// another thread held at fork() would never be released there.
+constexpr int kListenerSlots = 8;
+std::atomic<int> g_listeners[kListenerSlots] = {-1, -1, -1, -1, -1, -1, -1, -1};
+}  // namespace
+
+void register_listener_socket(int fd) {
+  if (fd < 0) return;
+  for (auto& slot : g_listeners) {
+    int empty = -1;
+    if (slot.compare_exchange_strong(empty, fd)) return;
+  }
+  DBG_ERR("no slot for listener socket %d\n", fd);
+}
+
+void close_listener_sockets() {
+  for (auto& slot : g_listeners) {
+    int fd = slot.exchange(-1);
+    if (fd >= 0) close(fd);
+  }
 }

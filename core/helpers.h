@@ -37,5 +37,12 @@ int check_disk_info(const char* path, int* total, int* list, int* trailer_len);
 // '\''), so the shell takes it as one word with nothing expanded.
 std::string shell_quote(const char* text);
 
+// Sockets the daemon listens on for its whole life (TCP 5555, the partner
+// ports). An installer child that carries on as a copy of the daemon after
+// fork() closes them: should the daemon be killed and started again while
+// the child still runs, the new daemon can bind its ports.
+void register_listener_socket(int fd);
+void close_listener_sockets();
+
 // The installers' common ending: "system reboot...", watchdog, 5 s, reboot.
 void reboot_sequence();

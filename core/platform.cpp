@@ -68,7 +68,13 @@ void Platform::exit_child(int status) { ::_exit(status); }
 
 void Platform::end_thread() { ::pthread_exit(nullptr); }
 
-void Platform::exit_process(int status) { ::exit(status); }
+// The other threads run until the process is gone: exit(3) would destroy the
+// static objects (this platform, the camera root, the logs' state) under
+// them. Console buffers are flushed; nothing else needs an exit handler.
+void Platform::exit_process(int status) {
+  fflush(nullptr);
+  ::_exit(status);
+}
 
 namespace {
 Platform g_real;

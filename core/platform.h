@@ -48,7 +48,8 @@ class Platform {
   virtual int exec(const char* path, char* const argv[]);
   [[noreturn]] virtual void exit_child(int status);
 
-  // pthread_exit of the calling thread; exit(3) of the process.
+  // pthread_exit of the calling thread; the end of the process with
+  // `status` (stdio flushed, no exit handlers: other threads may still run).
   [[noreturn]] virtual void end_thread();
   [[noreturn]] virtual void exit_process(int status);
 };

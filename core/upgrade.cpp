@@ -17,6 +17,7 @@
 #include <string>
 
 #include "core/dbgout.h"
+#include "core/helpers.h"
 #include "core/platform.h"
 #include "discovery/broadcast.h"
 #include "discovery/dhcp_status.h"
@@ -315,7 +316,7 @@ void fill_protocol_keywords() {
 }
 
 int init_tcpsocket(int* listen_socket, struct sockaddr_in* addr) {
-  int fd = socket(AF_INET, SOCK_STREAM, 0);
+  int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   if (fd < 0) {
     DBG_ERR("socket failed\n");
     sys().exit_process(1);
@@ -332,6 +333,7 @@ int init_tcpsocket(int* listen_socket, struct sockaddr_in* addr) {
     sys().exit_process(1);
   }
   listen(fd, 5);
+  register_listener_socket(fd);
   *listen_socket = fd;
   DBG_INFO("init socket succeed\n");
   return 0;
@@ -340,7 +342,7 @@ int init_tcpsocket(int* listen_socket, struct sockaddr_in* addr) {
 int waiting(int listen_socket, struct sockaddr_in* peer) {
   DBG_INFO("waiting connect...\n");
   socklen_t len = 0;  // the peer address is not filled in
-  int fd = accept(listen_socket, reinterpret_cast<struct sockaddr*>(peer), &len);
+  int fd = accept4(listen_socket, reinterpret_cast<struct sockaddr*>(peer), &len, SOCK_CLOEXEC);
   if (fd < 0) {
     DBG_ERR("accept failed\n");
     sys().sync();

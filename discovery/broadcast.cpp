@@ -122,7 +122,7 @@ int production_mode_enable() { return g_production_mode.load(); }
 void reset_production_mode() { g_production_mode.store(0); }
 
 int broadcast_open(int port, struct sockaddr_in* local) {
-  int fd = socket(AF_INET, SOCK_DGRAM, 0);
+  int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   if (fd < 0) {
     DBG_ERR_AS("broadcast_func", "socket() error\n");
     return -1;

@@ -28,17 +28,6 @@ constexpr const char* kReporterName = "mcast_upgradeStatus_func";
 
 bool camera_file_exists(const char* path) { return access(cam_path(path).c_str(), F_OK) == 0; }
 
-void drop_socket(mcast_endpoint* ep) {
-  // Shut down before closing: the number may be reused at once by another
-  // thread's socket. 0 is a record that was never opened (the search
-  // listener may still wait for its address): descriptor 0 is not ours.
-  int fd = ep->sock->exchange(-1);
-  if (fd > 0) {
-    shutdown(fd, SHUT_RDWR);
-    close(fd);
-  }
-}
-
 }  // namespace
 
 void check_dhcp_status() {
@@ -62,12 +51,13 @@ void check_dhcp_status() {
   mcast_endpoint* batch = &daemon_state.endpoints[1];
   mcast_search_switch().store(0);
   mcast_batch_switch().store(0);
-  drop_socket(search);
-  drop_socket(batch);
+  mcast_drop_endpoint(search);
+  mcast_drop_endpoint(batch);
   // Lets a listener inside its short wait see the cleared switch.
   sys().sleep_us(1000000);
-  mcast_open_endpoint(search);
-  mcast_open_endpoint(batch);
+  // A listener that opened its socket meanwhile has it replaced.
+  mcast_reopen_endpoint(search);
+  mcast_reopen_endpoint(batch);
   for (mcast_endpoint* ep : {search, batch}) {
     int fd = ep->sock->load();
     if (fd >= 0) set_nonblocking(fd, 1);

@@ -267,7 +267,7 @@ int check_usb_disk_mount() {
 void set_local_control_port(int port) { g_local_control_port.store(port); }
 
 void send_local_control(const void* buf, size_t len) {
-  int fd = socket(AF_INET, SOCK_DGRAM, 0);
+  int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   if (fd < 0) {
     DBG_ERR("socket failed\n");
     return;

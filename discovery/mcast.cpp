@@ -43,6 +43,42 @@ std::mutex g_addr_mu;
 [[maybe_unused]] const int g_addr_fork_guard = pthread_atfork(
     [] { g_addr_mu.lock(); }, [] { g_addr_mu.unlock(); }, [] { g_addr_mu.unlock(); });
 
+// The endpoints' sockets: opened, dropped and re-opened under the write
+// lock; the listeners receive and the handlers send under the read lock.
+// The DHCP watcher re-creates the sockets while a listener may still be
+// opening its own or waiting on it: no descriptor is closed while another
+// thread works on it. Writers go first (a listener takes the read lock
+// again at once), the lock is taken before g_addr_mu and, like it, held
+// across fork() (an installer's child sends acknowledgements).
+pthread_rwlock_t g_open_mu;
+void init_open_lock() {
+  pthread_rwlockattr_t a;
+  pthread_rwlockattr_init(&a);
+  pthread_rwlockattr_setkind_np(&a, PTHREAD_RWLOCK_PREFER_WRITER_NONRECURSIVE_NP);
+  pthread_rwlock_init(&g_open_mu, &a);
+  pthread_rwlockattr_destroy(&a);
+}
+// The child starts with a fresh lock: an rwlock knows its writer by thread
+// ID, and the child's thread has another one than the thread that locked.
+[[maybe_unused]] const int g_open_fork_guard = (init_open_lock(),
+    pthread_atfork([] { pthread_rwlock_wrlock(&g_open_mu); },
+                   [] { pthread_rwlock_unlock(&g_open_mu); }, init_open_lock));
+
+struct socket_write_lock {
+  socket_write_lock() { pthread_rwlock_wrlock(&g_open_mu); }
+  ~socket_write_lock() { pthread_rwlock_unlock(&g_open_mu); }
+};
+struct socket_read_lock {
+  socket_read_lock() { pthread_rwlock_rdlock(&g_open_mu); }
+  ~socket_read_lock() { pthread_rwlock_unlock(&g_open_mu); }
+};
+
+int open_locked(mcast_endpoint* ep) {
+  mcast_open_fn hook = g_open_hook.load();
+  if (hook != nullptr) return hook(ep);
+  return init_mcast(ep->sock, ep->bind_addr, ep->group_addr, ep->port, ep->group);
+}
+
 int set_int_opt(int fd, int level, int opt, int value) {
   return setsockopt(fd, level, opt, &value, sizeof(value));
 }
@@ -61,6 +97,7 @@ bool send_to_group(const std::atomic<int>* sock, const Addr* group, const char* 
     std::lock_guard<std::mutex> lock(g_addr_mu);
     to = *group;
   }
+  socket_read_lock use;
   int fd = sock->load();
   return sendto(fd, text, strlen(text), 0, reinterpret_cast<struct sockaddr*>(&to), sizeof(to)) >=
          0;
@@ -74,9 +111,36 @@ int mcast_net_info_failures() { return g_net_info_failures.load(); }
 void set_mcast_open_hook(mcast_open_fn fn) { g_open_hook.store(fn); }
 
 int mcast_open_endpoint(mcast_endpoint* ep) {
-  mcast_open_fn hook = g_open_hook.load();
-  if (hook != nullptr) return hook(ep);
-  return init_mcast(ep->sock, ep->bind_addr, ep->group_addr, ep->port, ep->group);
+  socket_write_lock lock;
+  return open_locked(ep);
+}
+
+int mcast_open_endpoint_if_closed(mcast_endpoint* ep) {
+  socket_write_lock lock;
+  return ep->sock->load() > 0 ? 0 : open_locked(ep);
+}
+
+namespace {
+// Shut down before closing: a listener may be waiting on it. 0 is a record
+// that was never opened: descriptor 0 is not ours.
+void drop_locked(mcast_endpoint* ep) {
+  int fd = ep->sock->exchange(-1);
+  if (fd > 0) {
+    shutdown(fd, SHUT_RDWR);
+    close(fd);
+  }
+}
+}  // namespace
+
+int mcast_reopen_endpoint(mcast_endpoint* ep) {
+  socket_write_lock lock;
+  drop_locked(ep);
+  return open_locked(ep);
+}
+
+void mcast_drop_endpoint(mcast_endpoint* ep) {
+  socket_write_lock lock;
+  drop_locked(ep);
 }
 
 void discovery_thread_setup(const char* name) {
@@ -100,7 +164,7 @@ int set_nonblocking(int fd, int block) {
 
 int init_mcast(std::atomic<int>* sock, struct sockaddr_in* bind_addr,
                struct sockaddr_in* group_addr, int port, const char* group) {
-  int fd = socket(AF_INET, SOCK_DGRAM, 0);
+  int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   if (fd < 0) {
     DBG_ERR("socket failed\n");
     return -1;
@@ -187,8 +251,7 @@ void mcast_send_data(mcast_endpoint* ep, const char* text) {
   if (send_to_group(ep->sock, ep->group_addr, text)) return;
   DBG_ERR("sendto failed\n");
   sys().sync();
-  close_endpoint_socket(ep->sock);
-  mcast_open_endpoint(ep);
+  mcast_reopen_endpoint(ep);
 }
 
 int init_mcast_ipv6(std::atomic<int>* sock, struct sockaddr_in6* bind_addr,
@@ -196,7 +259,7 @@ int init_mcast_ipv6(std::atomic<int>* sock, struct sockaddr_in6* bind_addr,
   char tmp[64] = {};
   get_ipv6_global_addr("eth0", tmp, sizeof(tmp));
   DBG_INFO("tmp: %s\n", tmp);
-  int fd = socket(AF_INET6, SOCK_DGRAM, 0);
+  int fd = socket(AF_INET6, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   if (fd < 0) {
     DBG_ERR("socket failed\n");
     return -1;
@@ -264,7 +327,7 @@ void mcast_send_data_ipv6(mcast_endpoint* ep, const char* text) {
 int ip_udp_send(const char* src_addr, int src_port, const char* dst_addr, int dst_port,
                 const void* payload, size_t len) {
   if (len > 65507) return -1;
-  int fd = socket(AF_INET, SOCK_RAW, IPPROTO_UDP);
+  int fd = socket(AF_INET, SOCK_RAW | SOCK_CLOEXEC, IPPROTO_UDP);
   if (fd < 0) {
     DBG_ERR("socket failed\n");
     return -1;
@@ -352,33 +415,41 @@ void mcast_wait_net_info() {
 
 int mcast_listen_once(mcast_endpoint* ep, std::atomic<int>& recv_switch, size_t size,
                       uint64_t pause_us) {
-  if (recv_switch.load() == 0) {
+  char buf[kBatchDatagram];
+  if (size > sizeof(buf)) size = sizeof(buf);
+  ssize_t n = -1;
+  bool off = recv_switch.load() == 0, idle = false;
+  if (!off) {
+    socket_read_lock use;
+    // Cleared while this thread waited for the lock: the socket is gone.
+    off = recv_switch.load() == 0;
+    int fd = ep->sock->load();
+    struct sockaddr_in sender;
+    socklen_t sender_len = sizeof(sender);
+    // A datagram already queued (a transfer streams them back to back) is
+    // taken at once; otherwise waiting in poll() answers a command as soon
+    // as it comes, the timeout being the idle pause of a non-blocking read.
+    if (!off) {
+      n = recvfrom(fd, buf, size, MSG_DONTWAIT, reinterpret_cast<struct sockaddr*>(&sender),
+                   &sender_len);
+    }
+    if (!off && n < 0) {
+      struct pollfd pfd = {fd, POLLIN, 0};
+      int ready = poll(&pfd, 1, kPollMs);
+      if (ready == 0) return 0;
+      if (ready > 0 && (pfd.revents & POLLIN) != 0) {
+        sender_len = sizeof(sender);
+        n = recvfrom(fd, buf, size, MSG_DONTWAIT, reinterpret_cast<struct sockaddr*>(&sender),
+                     &sender_len);
+      }
+      idle = n < 0;
+    }
+  }
+  if (off) {
     sys().sleep_us(kSwitchOffUs);
     return 2;
   }
-  char buf[kBatchDatagram];
-  if (size > sizeof(buf)) size = sizeof(buf);
-  int fd = ep->sock->load();
-  struct sockaddr_in sender;
-  socklen_t sender_len = sizeof(sender);
-  // A datagram already queued (a transfer streams them back to back) is
-  // taken at once; otherwise waiting in poll() answers a command as soon as
-  // it comes, the timeout being the idle pause of a non-blocking read.
-  ssize_t n = recvfrom(fd, buf, size, MSG_DONTWAIT, reinterpret_cast<struct sockaddr*>(&sender),
-                       &sender_len);
-  if (n < 0) {
-    struct pollfd pfd = {fd, POLLIN, 0};
-    int ready = poll(&pfd, 1, kPollMs);
-    if (ready == 0) return 0;
-    if (ready < 0 || (pfd.revents & POLLIN) == 0) {
-      sys().sleep_us(kIdleUs);
-      return 0;
-    }
-    sender_len = sizeof(sender);
-    n = recvfrom(fd, buf, size, MSG_DONTWAIT, reinterpret_cast<struct sockaddr*>(&sender),
-                 &sender_len);
-  }
-  if (n < 0) {
+  if (idle || n < 0) {
     sys().sleep_us(kIdleUs);
     return 0;
   }
@@ -395,7 +466,7 @@ void* mcast_func(void* arg) {
   mcast_wait_net_info();
   // On a DHCP camera the watcher may have made the socket while this thread
   // still waited for an address; a second one would only be leaked.
-  if (ep->sock->load() <= 0) mcast_open_endpoint(ep);
+  mcast_open_endpoint_if_closed(ep);
   for (;;) mcast_listen_once(ep, g_search_switch, kSearchDatagram, kSearchPauseUs);
 }
 
@@ -404,7 +475,7 @@ void* mcast_batUpgrade_func(void* arg) {
   auto* ep = static_cast<mcast_endpoint*>(arg);
   while (mcast_open_endpoint(ep) != 0) {
     // A socket left open by a failed bind is not kept for the next try.
-    close_endpoint_socket(ep->sock);
+    mcast_drop_endpoint(ep);
     sys().sleep_us(1000000);
   }
   for (;;) mcast_listen_once(ep, g_batch_switch, kBatchDatagram, 0);

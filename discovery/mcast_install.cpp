@@ -121,6 +121,7 @@ void install_controller_image(mcast_endpoint* ep, const char* path) {
     pause_ms(500);
     return;
   }
+  close_listener_sockets();
   if (!program_controller(ep, path)) return;
   update_arm_version(1);
   DBG_INFO("arm-upgrade-filepath: %s\n", path);
@@ -176,6 +177,7 @@ void install_application_package(mcast_endpoint* ep, const char* path) {
   }
   if (pid == 0) {
     close(done[0]);
+    close_listener_sockets();
     if (program_controller(ep, image)) {
       update_arm_version(1);
       DBG_INFO("arm upgrade succeed\n");

@@ -267,7 +267,7 @@ void update_serialNo_and_mac(const char* msg) {
 
 int get_local_ip(const char* ifname, char* out, size_t size) {
   out[0] = '\0';
-  int fd = socket(AF_INET, SOCK_DGRAM, 0);
+  int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   if (fd < 0) return -1;
   struct ifreq ifr;
   memset(&ifr, 0, sizeof(ifr));
@@ -281,7 +281,7 @@ int get_local_ip(const char* ifname, char* out, size_t size) {
 }
 
 int get_mac_by_ioctl(const char* ifname, char* out, size_t size) {
-  int fd = socket(AF_INET, SOCK_STREAM, 0);
+  int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   if (fd < 0) return -1;
   struct ifreq ifr;
   memset(&ifr, 0, sizeof(ifr));

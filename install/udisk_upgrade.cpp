@@ -34,7 +34,7 @@ constexpr uint16_t kDisplayPort = 1259;
 unsigned char g_status[kUdiskStatusLen] = {0x81, 0x0A, 0x11, 0x5B, 0x00, 0xFF};
 
 void send_udp_local(const unsigned char* buf, size_t len) {
-  int s = socket(AF_INET, SOCK_DGRAM, 0);
+  int s = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   if (s < 0) {
     DBG_ERR("socket failed\n");
     return;

@@ -34,7 +34,7 @@ int MiraNet::raw_send(const char* src_addr, int src_port, const char* dst_addr, 
 
 int MiraNet::tracking_exchange(const void* req, size_t len, uint64_t pause_us, void* answer,
                                size_t max) {
-  int fd = socket(AF_INET, SOCK_DGRAM, 0);
+  int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   if (fd < 0) return -1;
   struct sockaddr_in to;
   memset(&to, 0, sizeof(to));

@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "core/dbgout.h"
+#include "core/helpers.h"
 #include "core/platform.h"
 #include "discovery/identity.h"
 #include "discovery/mcast.h"
@@ -97,7 +98,7 @@ int set_tracking_sensitivity(int type, int value) {
 
 int init_param_mira(int* sock, struct sockaddr_in* addr) {
   DBG_INFO("enter\n");
-  int fd = socket(AF_INET, SOCK_DGRAM, 0);
+  int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   *sock = fd;
   if (fd < 0) {
     DBG_INFO("failed create socket\n");
@@ -111,6 +112,7 @@ int init_param_mira(int* sock, struct sockaddr_in* addr) {
     DBG_INFO("failed listen\n");
     return -1;
   }
+  register_listener_socket(fd);
   DBG_ERR("leave\n");
   return 0;
 }

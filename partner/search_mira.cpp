@@ -17,6 +17,7 @@
 #include <string>
 
 #include "core/dbgout.h"
+#include "core/helpers.h"
 #include "core/platform.h"
 #include "discovery/commands.h"
 #include "discovery/mcast.h"
@@ -239,7 +240,7 @@ int init_search_mira_server() {
 }
 
 int init_mcast_mira(int* sock, struct sockaddr_in* local, struct sockaddr_in* group) {
-  int fd = socket(AF_INET, SOCK_DGRAM, 0);
+  int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   if (fd < 0) {
     DBG_ERR("socket failed\n");
     sys().exit_process(1);
@@ -291,6 +292,7 @@ int init_mcast_mira(int* sock, struct sockaddr_in* local, struct sockaddr_in* gr
     DBG_ERR("Setting IP_MULTICAST_IF error\n");
     return fail();
   }
+  register_listener_socket(fd);
   DBG_INFO("init search_mira succeed\n");
   return 0;
 }

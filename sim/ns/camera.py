@@ -35,7 +35,7 @@ from power import PowerOn  # noqa: F401  (re-exported)
 from rigbase import (  # noqa: F401  (re-exported)
     BATCH_GROUP, CAMERA_PATH, CLONE_NEWNET, CONTROL_PORT, HERE, LAUNCH, NETNS_PREFIX, NS_KINDS,
     ROOTFS, SEARCH_GROUP, SESSION_PREFIX, TCP_PORT, TOOL_PATH, RigError, in_netns, ns_link,
-    outside_namespaces, parent_of, pid_alive, run, shell_quote, wait_until)
+    outside_namespaces, parent_of, pid_alive, run, shell_quote, wait_until, TIME_SCALE)
 from session import (  # noqa: F401  (re-exported)
     Session, leftovers, shared_libraries, sweep_stale)
 from tracking import TRACKING_PORT, TrackingService  # noqa: F401  (re-exported)
@@ -155,7 +155,7 @@ class Camera(CameraFiles):
                     return line
             return None
 
-        deadline = time.monotonic() + timeout
+        deadline = time.monotonic() + timeout * TIME_SCALE
         while True:
             line = find()
             if line is not None:
@@ -454,6 +454,58 @@ class Camera(CameraFiles):
         s = in_netns(f"/proc/{self.init_pid}/ns/net", lambda: socket.socket(family, kind))
         self._sockets.append(s)
         return s
+
+    def daemon_host_pid(self):
+        """The daemon's process ID on the host (for its /proc entry)."""
+        ns_pid = self.daemon_pid
+        for p in self.processes():
+            if p.pid == ns_pid:
+                return p.host_pid
+        raise RigError(f"{self.name}: no daemon process{self._tail()}")
+
+    def freeze_daemon(self):
+        """Stops the daemon (SIGSTOP) and kills its forked copies (installer
+        children): what the camera holds is then what a killed daemon
+        leaves. The programs they ran (shell commands, unzip, the controller
+        programmer) run on as orphans, as after a real kill. kill_daemon()
+        ends the daemon."""
+        daemon = self.daemon_host_pid()
+        os.kill(daemon, signal.SIGSTOP)
+        pending, copies = [daemon], []
+        while pending:
+            pid = pending.pop()
+            for task in Path(f"/proc/{pid}/task").glob("*"):
+                with contextlib.suppress(OSError):
+                    pending += [int(c) for c in (task / "children").read_text().split()]
+            with contextlib.suppress(OSError):
+                if pid != daemon and Path(f"/proc/{pid}/comm").read_text().strip() == "upgrade":
+                    copies.append(pid)
+        for pid in copies:
+            with contextlib.suppress(ProcessLookupError):
+                os.kill(pid, signal.SIGKILL)
+
+    def kill_daemon(self, ready="init socket succeed", timeout=10.0):
+        """SIGKILLs the daemon; the camera's init starts it again at once with
+        /dev, flash and every file as they were (the console of the killed
+        run is kept as stdout.runN). Returns once the new run printed
+        `ready`."""
+        old = self.daemon_pid
+        self.write("/.rig/respawn", "")
+        os.kill(self.daemon_host_pid(), signal.SIGKILL)
+        if not wait_until(lambda: self.daemon_pid not in (None, old) or self._ended.is_set(),
+                          timeout):
+            raise RigError(f"{self.name}: the daemon was not started again{self._tail()}")
+        if ready:
+            self.wait_line(ready, timeout)
+
+    def resources(self):
+        """The daemon's open descriptors, threads and resident memory (KiB),
+        read from its /proc entry on the host."""
+        proc = Path(f"/proc/{self.daemon_host_pid()}")
+        status = (proc / "status").read_text()
+        field = lambda k: int(re.search(rf"^{k}:\s+(\d+)", status, re.M).group(1))  # noqa: E731
+        return {"fds": len(os.listdir(proc / "fd")), "threads": field("Threads"),
+                "rss_kib": field("VmRSS")}
 
     def reboot(self, how="reboot(2)"):
         """Reboots the camera from inside: "reboot(2)" as the daemon does, or

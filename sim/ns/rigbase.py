@@ -87,9 +87,14 @@ def pid_alive(pid):
     return True
 
 
+# Every wait of the rig is stretched by $RIG_TIME_SCALE (a daemon built with
+# a sanitizer answers several times slower).
+TIME_SCALE = float(os.environ.get("RIG_TIME_SCALE") or 1)
+
+
 def wait_until(cond, timeout, interval=0.02):
     """Polls cond() until it returns a true value or the timeout runs out."""
-    deadline = time.monotonic() + timeout
+    deadline = time.monotonic() + timeout * TIME_SCALE
     while True:
         value = cond()
         if value or time.monotonic() >= deadline:

@@ -1,5 +1,6 @@
 // Shell, process and file helpers, observed through the fake platform.
 #include <fcntl.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <linux/watchdog.h>
 #include <sys/stat.h>
@@ -254,6 +255,21 @@ TEST_F(Helpers, KeptShellHelpers) {
   EXPECT_EQ(get_file_md5("/dev/a", md5), 0);
   EXPECT_STREQ(md5, "0123456789abcdef0123456789abcdef");
   EXPECT_EQ(get_file_md5("/dev/b", md5), -1);
+}
+
+// A fatal failure on one thread ends the process while the listeners run:
+// nothing may be destroyed under them (the platform, the camera root), so
+// no exit-time destructor or handler runs; the console is still flushed.
+TEST(PlatformDeathTest, ProcessEndsWithoutExitTimeDestruction) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(
+      {
+        atexit([] { fputs("exit handlers ran\n", stderr); });
+        fputs("last console line\n", stderr);
+        Platform().exit_process(1);
+      },
+      testing::ExitedWithCode(1), testing::AllOf(testing::HasSubstr("last console line"),
+                                                  testing::Not(testing::HasSubstr("exit handlers"))));
 }
 
 }  // namespace

@@ -221,8 +221,10 @@ void FakePlatform::clear() {
 }
 
 FakeCamera::FakeCamera() {
-  char tmpl[] = "/tmp/camroot.XXXXXX";
-  char* dir = ::mkdtemp(tmpl);
+  // $TMPDIR when set (the fuzz runs put the root on a tmpfs), else /tmp.
+  const char* tmp = getenv("TMPDIR");
+  std::string tmpl = std::string(tmp != nullptr && tmp[0] != '\0' ? tmp : "/tmp") + "/camroot.XXXXXX";
+  char* dir = ::mkdtemp(tmpl.data());
   if (dir == nullptr) throw std::runtime_error("mkdtemp failed");
   root_ = dir;
   for (const char* d : {"/customer", "/data", "/dev", "/etc", "/mnt", "/tmp"})

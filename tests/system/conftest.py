@@ -17,6 +17,20 @@ sys.path.insert(0, str(Path(__file__).resolve().parents[2] / "sim" / "ns"))
 import camera as rig  # noqa: E402
 
 
+# SANDBOX_TSAN=1 (the "race" test of the ThreadSanitizer build): every
+# daemon writes its race reports to files under /.rig/console, and a test
+# whose cameras left any fails with them.
+TSAN_RUN = os.environ.get("SANDBOX_TSAN") == "1"
+TSAN_ENV = {"TSAN_OPTIONS": "log_path=/.rig/console/tsan exitcode=66 second_deadlock_stack=1"}
+
+
+def race_reports(cam):
+    """Texts of the ThreadSanitizer reports the camera's daemon wrote."""
+    con = cam.path("/.rig/console")
+    return [f"{cam.name} {p.name}:\n{p.read_text(errors='replace')}"
+            for p in sorted(con.glob("tsan*"))] if con.is_dir() else []
+
+
 def _find_daemon():
     env = os.environ.get("UPGRADE_BIN")
     if env:
@@ -86,6 +100,8 @@ def start_camera(rig_session, lan, request):
     made = []
 
     def start(ready="init socket succeed", timeout=10.0, boot=True, **kw):
+        if TSAN_RUN:
+            kw["env"] = {**TSAN_ENV, **(kw.get("env") or {})}
         cam = rig.Camera(rig_session, lan, **kw)
         made.append(cam)
         if boot:
@@ -93,11 +109,15 @@ def start_camera(rig_session, lan, request):
         return cam
 
     yield start
-    keep = _failed(request)
+    for cam in made:
+        cam.stop()
+    reports = [r for cam in made for r in race_reports(cam)]
+    keep = _failed(request) or bool(reports)
     for cam in made:
         cam.teardown(keep=keep)
         if keep:
             print(f"\n[rig] {cam.name}: {cam.end_reason()}; root kept at {cam.root}")
+    assert not reports, "ThreadSanitizer reports:\n" + "\n".join(reports)
 
 
 @pytest.fixture

@@ -37,8 +37,18 @@ if [ -f /.rig/dhcp ]; then
         >>/.rig/console/udhcpc.log 2>&1 &
 fi
 
-/bin/sh /.rig/start-daemon &
-daemon=$!
-echo "$daemon" > /.rig/daemon.pid
-wait "$daemon"
-echo "$?" > /.rig/daemon.exit
+# The daemon, once; again each time the rig left /.rig/respawn before it
+# ended (a daemon killed on purpose and started anew, /dev and all else as
+# it was). The console of an ended run is kept as stdout.runN / stderr.runN.
+run=0
+while :; do
+    /bin/sh /.rig/start-daemon &
+    daemon=$!
+    echo "$daemon" > /.rig/daemon.pid
+    wait "$daemon"
+    echo "$?" > /.rig/daemon.exit
+    [ -f /.rig/respawn ] || break
+    /bin/busybox rm -f /.rig/respawn
+    run=$((run + 1))
+    for f in stdout stderr; do /bin/busybox mv "/.rig/console/$f" "/.rig/console/$f.run$run"; done
+done

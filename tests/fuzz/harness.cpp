@@ -1,0 +1,90 @@
+#include "harness.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "core/upgrade.h"
+#include "discovery/identity.h"
+#include "discovery/broadcast.h"
+#include "partner/search_mira.h"
+
+FuzzCamera::FuzzCamera() {
+  sockaddr_in a;
+  control = bound_udp(&a);
+  set_local_control_port(ntohs(a.sin_port));
+  set_network_log_open(0);
+}
+
+FuzzCamera::~FuzzCamera() {
+  set_local_control_port(kLocalControlPort);
+  close(control);
+}
+
+FuzzCamera& fuzz_camera() {
+  static FuzzCamera camera;  // its temporary root goes at the process's end
+  return camera;
+}
+
+namespace {
+
+// A camera file written in place (its folder exists): cheaper than
+// FakeCamera::write at every input.
+void put_file(const std::string& path, const char* text) {
+  int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  if (fd < 0) return;
+  const size_t len = strlen(text);
+  if (write(fd, text, len) != static_cast<ssize_t>(len)) fuzz_require(false, "camera file write");
+  close(fd);
+}
+
+void drain(int fd) {
+  char buf[8192];
+  while (recv(fd, buf, sizeof(buf), MSG_DONTWAIT) > 0) {
+  }
+}
+
+}  // namespace
+
+void reset_camera() {
+  FuzzCamera& c = fuzz_camera();
+  reset_daemon_state();
+  fill_protocol_keywords();
+  daemon_state.work_mode = WORK_NORMAL;
+  set_device_id(kDevId.c_str());
+  set_client_id("");
+  set_upgrade_client_id("");
+  set_mcast_upgrade_in_progress(0);
+  reset_production_mode();
+  set_device_type_code("");
+  net_info_t zero{};
+  set_net_info(zero);
+  put_file(c.cam.path("/data/net.conf"), "dhcp=0\nipaddr=192.168.77.2\nmacaddr=02:00:00:00:00:01\n");
+  put_file(c.cam.path("/etc/resolv.conf"), "nameserver 8.8.8.8\n");
+  put_file(c.cam.path("/customer/version_file"), "V2.5.1\n");
+  put_file(c.cam.path("/customer/device_model_file"), "K1.T\n");
+  c.cam.platform().clear();
+  drain(c.ep.tool);
+  drain(c.control);
+}
+
+std::vector<std::string_view> split_pieces(const uint8_t* data, size_t size) {
+  std::string_view rest(reinterpret_cast<const char*>(data), size);
+  std::vector<std::string_view> out;
+  for (;;) {
+    size_t at = rest.find(kPieceSeparator);
+    out.push_back(rest.substr(0, at));
+    if (at == std::string_view::npos) break;
+    rest.remove_prefix(at + kPieceSeparator.size());
+  }
+  return out;
+}
+
+void fuzz_require(bool ok, const char* what) {
+  if (ok) return;
+  fprintf(stderr, "fuzz: %s\n", what);
+  abort();
+}

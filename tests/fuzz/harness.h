@@ -1,0 +1,36 @@
+// Shared set-up of the fuzz targets: one fake camera for the whole run (a
+// temporary root, a fake shell answering like busybox, the keyword table and
+// this camera's identity), put back to its start before every input, and the
+// input cut into the datagrams or files it stands for.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "discovery/disc_test_util.h"
+
+// The camera of every target. Its replies go to a loopback tool socket that
+// reset_camera() drains.
+struct FuzzCamera : CameraFixtureBase {
+  LoopEndpoint ep;
+  int control = -1;  // stands in for the local control service
+  FuzzCamera();
+  ~FuzzCamera();
+};
+
+// Created at the first call; console output is left to the fuzzer's flags.
+FuzzCamera& fuzz_camera();
+// Identity, network record, keyword table, camera files, shell rules and
+// recorded events back to where the first input found them.
+void reset_camera();
+
+// Pieces of an input separated by kPieceSeparator (a line of its own in the
+// seed files, so that a piece may hold any other bytes).
+inline constexpr std::string_view kPieceSeparator = "\n--8<--\n";
+std::vector<std::string_view> split_pieces(const uint8_t* data, size_t size);
+
+// Aborts with `what` when `ok` is false: the fuzzer then keeps the input.
+void fuzz_require(bool ok, const char* what);

@@ -1,0 +1,72 @@
+// A multicast upgrade as any sender may play it: announcements and transfer
+// packets in any order, of any length, for this camera or another, carried
+// through to installation by every mode on a fake flash with a bad block.
+// Nothing is stored outside "/dev/" and nothing crashes.
+#include <filesystem>
+#include <optional>
+#include <set>
+
+#include "discovery/commands.h"
+#include "fakes/fake_flash.h"
+#include "harness.h"
+#include "wire/upgrade.h"
+
+namespace {
+
+const std::string kDigest = "0123456789abcdef0123456789abcdef";
+
+// boot, env, kernel, rootfs: 16 KiB each in 4 KiB NAND blocks, the third
+// block of the kernel bad.
+void flash_and_table(FakeFlash& flash) {
+  const char* names[] = {"\"boot\"", "\"env\"", "\"kernel\"", "\"rootfs\""};
+  daemon_state.mtd_num = 4;
+  for (int i = 0; i < 4; ++i) {
+    mtd_entry& e = daemon_state.mtd[i];
+    snprintf(e.dev, sizeof(e.dev), "mtd%d:", i);
+    snprintf(e.size, sizeof(e.size), "%08x", 0x4000);
+    snprintf(e.erasesize, sizeof(e.erasesize), "%08x", 0x1000);
+    snprintf(e.name, sizeof(e.name), "%s", names[i]);
+  }
+  flash.add_chain({0x4000, 0x4000, 0x4000, 0x4000}, 0x1000, kNand);
+  flash.set_bad_map(2, "..B.");
+  daemon_state.flash_unerase_offset = 0x8000;
+}
+
+// An announcement for this camera under a refused name, read while
+// debugging: it ends whatever transfer the previous input left open.
+void end_previous_transfer(FuzzCamera& c) {
+  daemon_state.work_mode = WORK_DEBUG;
+  wire::announcement a;
+  a.device_ids = {kDevId};
+  a.client_id = kCliId;
+  a.session = std::string(32, 's');
+  a.file_name = "../reset";
+  a.md5 = kDigest;
+  a.mode = 0;
+  const std::string d = wire::build_announcement(a);
+  mcast_receive(&c.ep.ep, d.data(), d.size());
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  if (size == 0) return 0;
+  FuzzCamera& c = fuzz_camera();
+  reset_camera();
+  end_previous_transfer(c);
+  reset_camera();
+  c.cam.platform().on("/usr/bin/md5sum", kDigest + "  file\n");
+  c.cam.platform().fork_result = 4242;  // installers' children are not run
+  std::optional<FakeFlash> flash(std::in_place);
+  flash_and_table(*flash);
+  // First byte: debugging (bit 0); then the datagrams.
+  daemon_state.work_mode = (data[0] & 1) ? WORK_DEBUG : WORK_NORMAL;
+  for (std::string_view piece : split_pieces(data + 1, size - 1)) {
+    std::vector<char> exact(piece.begin(), piece.begin() + std::min(piece.size(), kBatchDatagram));
+    mcast_receive(&c.ep.ep, exact.data(), exact.size());
+  }
+  static const std::set<std::string> kTop = {"customer", "data", "dev", "etc", "mnt", "tmp"};
+  for (const auto& e : std::filesystem::directory_iterator(c.cam.root()))
+    fuzz_require(kTop.count(e.path().filename()) == 1, "a file outside the camera's folders");
+  return 0;
+}

@@ -1,0 +1,32 @@
+// The partner's binary frames: search, network query and network setting on
+// 236.5.7.1:8000, the tracking requests on 8001 with the tracking service's
+// answer, and the replies as the LAN tool decodes them. The first piece is
+// the request, the second the tracking service's answer.
+#include "fakes/fake_mira_net.h"
+#include "harness.h"
+#include "partner/param_mira.h"
+#include "partner/search_mira.h"
+#include "wire/partner.h"
+
+namespace wp = wire::partner;
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  FuzzCamera& c = fuzz_camera();
+  reset_camera();
+  FakeMiraNet net;
+  c.cam.platform().on("cat /home/device_model_file", "T2\n");
+
+  const std::vector<std::string_view> p = split_pieces(data, size);
+  const std::string_view req = p[0].substr(0, wp::kDatagramMax);
+  const auto* bytes = reinterpret_cast<const uint8_t*>(req.data());
+  std::vector<uint8_t> exact(bytes, bytes + req.size());
+  mcast_receive_mira(exact.size(), exact.data());
+  if (p.size() > 1) net.answer(std::vector<uint8_t>(p[1].begin(), p[1].end()));
+  param_receive_mira(c.ep.sock.load(), c.ep.tool_addr, exact.data(), exact.size());
+
+  for (const auto& s : net.sent) fuzz_require(s.payload.size() <= wp::kDatagramMax, "reply size");
+  wp::decode_search_reply(exact.data(), exact.size());
+  wp::decode_net_reply(exact.data(), exact.size());
+  wp::decode_track_reply(exact.data(), exact.size());
+  return 0;
+}

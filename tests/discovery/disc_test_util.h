@@ -9,10 +9,12 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "core/upgrade.h"
 #include "discovery/identity.h"
@@ -47,6 +49,17 @@ inline int bound_udp(sockaddr_in* out) {
   getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
   if (out != nullptr) *out = a;
   return fd;
+}
+
+inline void send_text(int fd, const sockaddr_in& to, const std::string& data) {
+  sendto(fd, data.data(), data.size(), 0, reinterpret_cast<const sockaddr*>(&to), sizeof(to));
+}
+
+// The last n events the fake platform recorded (a reboot's tail, say).
+inline std::vector<std::string> last_events(FakeCamera& cam, size_t n) {
+  auto ev = cam.platform().events();
+  return std::vector<std::string>(ev.end() - static_cast<std::ptrdiff_t>(std::min(n, ev.size())),
+                                  ev.end());
 }
 
 // Next datagram on fd within timeout_ms, or nothing.
@@ -87,10 +100,7 @@ struct LoopEndpoint {
     close(tool);
   }
   // The tool sends a command to the camera socket.
-  void send_to_camera(const std::string& data) const {
-    sendto(tool, data.data(), data.size(), 0, reinterpret_cast<const sockaddr*>(&cam_addr),
-           sizeof(cam_addr));
-  }
+  void send_to_camera(const std::string& data) const { send_text(tool, cam_addr, data); }
   std::optional<std::string> reply(int timeout_ms = 300) const {
     return recv_text(tool, timeout_ms);
   }

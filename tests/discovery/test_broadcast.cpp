@@ -65,17 +65,12 @@ TEST_F(Broadcast, ProductionModeRefusalsAndLoggedActions) {
 
 TEST_F(Broadcast, ReadsAtMost512BytesAndTerminatesThem) {
   int sender = bound_udp(nullptr);
-  auto send = [&](const std::string& d) {
-    sendto(sender, d.data(), d.size(), 0, reinterpret_cast<sockaddr*>(&cam_addr),
-           sizeof(cam_addr));
-  };
-  std::string full = "Discovery camera" + std::string(512 - 16, 'x');
-  send(full);
+  send_text(sender, cam_addr, "Discovery camera" + std::string(512 - 16, 'x'));
   EXPECT_GT(broadcast_serve_once(&ctx), 0);
   // The reply goes to whoever sent the datagram.
   EXPECT_EQ(recv_text(sender, 0), kNetParams);
 
-  send(std::string(512, 'x') + "Discovery camera");
+  send_text(sender, cam_addr, std::string(512, 'x') + "Discovery camera");
   EXPECT_EQ(broadcast_serve_once(&ctx), 0);
   EXPECT_FALSE(recv_text(sender, 0));
   close(sender);

@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <random>
 #include <regex>
 #include <thread>
 
@@ -66,12 +65,21 @@ TEST_F(Commands, SearchWithoutModelOrVersionAndShortDatagrams) {
   EXPECT_FALSE(reply());
 }
 
-TEST_F(Commands, RepliesAndUnknownKeywordsAreIgnored) {
+// Replies heard on the group, unknown keywords and commands naming another
+// camera: no answer, no notice, no shell, no reboot, net.conf untouched.
+TEST_F(Commands, RepliesUnknownKeywordsAndOtherCamerasAreSilent) {
   for (const char* w :
        {"REPLY OK ", "SUCCEED *", "FAILED * ", "STATUS * ", "XXXXXXXXX", "", "CAMERA_UP"})
     receive(addressed(w));
+  const std::string wrong = "\r\nDevice ID:" + std::string(32, '0') + "\r\nClient ID:" + kCliId +
+                            "\r\nstatus=open\nSerial No:1\nMac Address:2";
+  for (const char* kw : {"CONFIGNET", "CAMERA_RE", "LUMCONFIG", "CAMERA_FL", "BOARD_TES",
+                         "PRODUCTIO", "CAMERA_QU"})
+    receive(kw + wrong);
   EXPECT_FALSE(reply());
+  EXPECT_FALSE(control_msg());
   EXPECT_TRUE(cam.platform().events().empty());
+  EXPECT_EQ(cam.read("/data/net.conf"), "dhcp=0\nipaddr=192.168.77.2\nmacaddr=02:00:00:00:00:01\n");
 }
 
 TEST_F(Commands, ConfignetWritesRepliesAndReboots) {
@@ -80,21 +88,8 @@ TEST_F(Commands, ConfignetWritesRepliesAndReboots) {
   EXPECT_EQ(cam.read("/data/net.conf"), "dhcp=0\nipaddr=10.1.1.9\nfdns=9.9.9.9");
   EXPECT_EQ(cam.read("/etc/resolv.conf"), "nameserver 9.9.9.9\n");
   EXPECT_EQ(control_msg(), std::string("\x88\x0B\x01\xAA\xFF", 5));
-  auto ev = cam.platform().events();
-  std::vector<std::string> tail(ev.end() - 4, ev.end());
-  EXPECT_EQ(tail, (std::vector<std::string>{"sync", "sleep:2000000", "sleep:5000000", "reboot"}));
-}
-
-TEST_F(Commands, WrongDeviceIdIsSilent) {
-  std::string wrong = "CONFIGNET\r\nDevice ID:" + std::string(32, '0') + "\r\nClient ID:" + kCliId;
-  for (const char* kw : {"CONFIGNET", "CAMERA_RE", "LUMCONFIG", "CAMERA_FL", "BOARD_TES",
-                         "PRODUCTIO", "CAMERA_QU"}) {
-    receive(kw + wrong.substr(9) + "\r\nstatus=open\nSerial No:1\nMac Address:2");
-  }
-  EXPECT_FALSE(reply());
-  EXPECT_FALSE(control_msg());
-  EXPECT_EQ(cam.platform().reboots(), 0);
-  EXPECT_EQ(cam.read("/data/net.conf"), "dhcp=0\nipaddr=192.168.77.2\nmacaddr=02:00:00:00:00:01\n");
+  EXPECT_EQ(last_events(cam, 4),
+            (std::vector<std::string>{"sync", "sleep:2000000", "sleep:5000000", "reboot"}));
 }
 
 TEST_F(Commands, LedFlicker) {
@@ -133,19 +128,20 @@ TEST_F(Commands, BoardTestFields) {
   EXPECT_EQ(cmds[1], "killall -9 autofocus");
 
   // Type 8: ARM, then SDI (its pin set-up around the probe: the sandbox's
-  // board test). Type 4 (K5): SDI only; unknown type: no probe fields.
-  receive(addressed("BOARD_TES", "\r\nTYPE=R300I\r\nSDI_Test=true"));
-  auto r = reply();
-  ASSERT_TRUE(r);
-  EXPECT_NE(r->find("\r\nARM=0\r\nSDI=0\r\nSTATUS=Test finish"), std::string::npos);
-  receive(addressed("BOARD_TES", "\r\nTYPE=K5\r\nSDI_Test=true\r\nHDMI_Test=true"));
-  r = reply();
-  ASSERT_TRUE(r);
-  EXPECT_NE(r->find("v1.2.3\r\nSDI=0\r\nSTATUS=Test finish"), std::string::npos);
-  receive(addressed("BOARD_TES", "\r\nUSB_Test=false"));
-  r = reply();
-  ASSERT_TRUE(r);
-  EXPECT_NE(r->find("v1.2.3\r\nSTATUS=Test finish"), std::string::npos);
+  // board test). Type 4 (K5): SDI only; unknown type: no probe fields; no
+  // disk mounted: "USB=0".
+  cam.platform().on("mount | grep /mnt/usb", "");
+  const std::pair<const char*, const char*> rows[] = {
+      {"\r\nTYPE=R300I\r\nSDI_Test=true", "\r\nARM=0\r\nSDI=0\r\nSTATUS=Test finish"},
+      {"\r\nTYPE=K5\r\nSDI_Test=true\r\nHDMI_Test=true", "v1.2.3\r\nSDI=0\r\nSTATUS=Test finish"},
+      {"\r\nUSB_Test=false", "v1.2.3\r\nSTATUS=Test finish"},
+      {"\r\nUSB_Test=true", "v1.2.3\r\nUSB=0\r\nSTATUS=Test finish"}};
+  for (const auto& [body, tail] : rows) {
+    receive(addressed("BOARD_TES", body));
+    auto r = reply();
+    ASSERT_TRUE(r) << body;
+    EXPECT_NE(r->find(tail), std::string::npos) << body << " -> " << *r;
+  }
   set_i2c_port(prev);
 }
 
@@ -161,63 +157,15 @@ TEST_F(Commands, CameraQueryBatchAndUpgradeInProgress) {
   EXPECT_FALSE(reply());
 }
 
+// Counters as the shell prints them; an empty or unreadable counter is 0.
 TEST_F(Commands, ProductionCounters) {
   cam.platform().on("cat /data/boot_times.dat", "12\n");
-  cam.platform().on("cat /data/curve_times.dat", "");
+  cam.platform().popen_fails("cat /data/curve_times.dat");
   receive(addressed("PRODUCTIO"));
   EXPECT_EQ(reply(), "PRODUCTIO" + ids() + "\r\nboot_times:12\r\ncurve_times:0");
-}
-
-// Random datagrams built from protocol fragments, NUL bytes and noise: the
-// handler must neither crash nor read outside the bytes it was given (the
-// sanitizers watch every case). Reboots and sleeps go to the fake.
-TEST_F(Commands, RandomDatagramsStayInBounds) {
-  NoHdmi no_hdmi;
-  I2cPort* prev = set_i2c_port(&no_hdmi);
-  // The first nine are keywords: a datagram may start with one.
-  const std::vector<std::string> parts = {
-      "SEARCH * ", "CONFIGNET", "CAMERA_RE", "LUMCONFIG", "CAMERA_FL", "BOARD_TES", "CAMERA_QU",
-      "PRODUCTIO", "CAMERA_UP", "Device ID:", "Client ID:", "Serial No:", "Mac Address:", "fdns=",
-      "status=open", "TYPE=K5", "TYPE=R300I", "SDI_Test=true", "HDMI_Test=true", "USB_Test=true",
-      "\r\n", "\n", std::string(1, '\0'), "0099", "0002", kDevId, kCliId, kDevId.substr(0, 20),
-      "Cli", "Dev"};
-  std::mt19937 rng(20261121);
-  for (int i = 0; i < 3000; ++i) {
-    std::string d;
-    int pieces = static_cast<int>(rng() % 8);
-    if (rng() % 2) d = parts[rng() % 9];
-    for (int k = 0; k < pieces; ++k) {
-      if (rng() % 4 == 0) {
-        int n = static_cast<int>(rng() % 40);
-        for (int j = 0; j < n; ++j) d += static_cast<char>(rng() & 0xFF);
-      } else {
-        d += parts[rng() % parts.size()];
-      }
-    }
-    if (d.size() > kBatchDatagram) d.resize(kBatchDatagram);
-    // An exactly sized heap copy: any read past its end is reported.
-    std::vector<char> exact(d.begin(), d.end());
-    mcast_receive(&loop.ep, exact.data(), exact.size());
-    while (loop.reply(0)) {
-    }
-    while (recv_text(control, 0)) {
-    }
-  }
-  // Every prefix of real commands: keys and IDs cut at the very end.
-  const std::vector<std::string> commands = {
-      search_msg(), addressed("CONFIGNET", "\ndhcp=0\nfdns=1.1.1.1"),
-      "LUMCONFIG\nDevice ID:" + kDevId + "\nClient ID:" + kCliId + "\nSerial No:S\nMac Address:M",
-      addressed("BOARD_TES", "\r\nTYPE=R300I\r\nSDI_Test=true\r\nUSB_Test=true"),
-      "CAMERA_QU\r\nDevice ID:0002" + std::string(32, 'a') + kDevId + "\r\nClient ID:" + kCliId};
-  for (const auto& c : commands) {
-    for (size_t n = 0; n <= c.size(); ++n) {
-      std::vector<char> exact(c.begin(), c.begin() + static_cast<std::ptrdiff_t>(n));
-      mcast_receive(&loop.ep, exact.data(), exact.size());
-    }
-  }
-  while (loop.reply(0)) {
-  }
-  set_i2c_port(prev);
+  cam.platform().on("cat /data/boot_times.dat", "");
+  receive(addressed("PRODUCTIO"));
+  EXPECT_EQ(reply(), "PRODUCTIO" + ids() + "\r\nboot_times:0\r\ncurve_times:0");
 }
 
 // Both listeners run handlers at once: the shared records stay whole (the

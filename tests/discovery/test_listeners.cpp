@@ -173,6 +173,8 @@ TEST_F(StatusReport, NotSentWhenConfirmedBeforeOrWithoutControllerRecord) {
   EXPECT_FALSE(loop.reply(100));
 }
 
+// Wrong confirmations (another camera, another status, another command)
+// leave it waiting: the right one is the last datagram it reads.
 TEST_F(StatusReport, SentOnceThenWaitsForTheRightConfirmation) {
   std::thread reporter([&] { mcast_upgrade_status_report(&loop.ep); });
   auto r = loop.reply(2000);
@@ -183,16 +185,12 @@ TEST_F(StatusReport, SentOnceThenWaitsForTheRightConfirmation) {
   sockaddr_in a;
   socklen_t len = sizeof(a);
   getsockname(loop.sock.load(), reinterpret_cast<sockaddr*>(&a), &len);
-  auto to_camera = [&](const std::string& d) {
-    sendto(loop.tool, d.data(), d.size(), 0, reinterpret_cast<sockaddr*>(&a), sizeof(a));
-  };
-  to_camera(confirm(std::string(32, '9'), "Status=2"));
-  to_camera(confirm(kDevId, "Status=1"));
-  to_camera("SEARCH * ");
-  std::this_thread::sleep_for(std::chrono::milliseconds(300));
-  EXPECT_FALSE(cam.platform().ran("touch /customer/upgrade_finish_flag"));
-  to_camera(confirm(kDevId, "Status=2"));
+  for (const std::string& d : {confirm(std::string(32, '9'), "Status=2"),
+                               confirm(kDevId, "Status=1"), std::string("SEARCH * "),
+                               confirm(kDevId, "Status=2")})
+    send_text(loop.tool, a, d);
   reporter.join();
+  EXPECT_FALSE(recv_text(loop.sock.load(), 0));  // nothing left unread
   EXPECT_TRUE(cam.platform().ran("touch /customer/upgrade_finish_flag"));
   EXPECT_FALSE(loop.reply(100));  // the report is never repeated
 }

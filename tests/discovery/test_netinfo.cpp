@@ -19,32 +19,30 @@ TEST_F(NetInfo, BusyboxListingFillsTheRecord) {
   EXPECT_STREQ(ni.fdns, "8.8.8.8");
   EXPECT_STREQ(ni.macaddr, "02:00:00:00:00:01");
 
-  cam.write("/data/net.conf", "ipaddr=1.2.3.4\ndhcp=1\n");
-  ASSERT_EQ(get_net_info(), 0);
-  copy_net_info(&ni);
-  EXPECT_EQ(ni.dhcp, 1);
-  // Neither key: the flag keeps its value.
-  cam.write("/data/net.conf", "ipaddr=1.2.3.4\n");
-  ASSERT_EQ(get_net_info(), 0);
-  copy_net_info(&ni);
-  EXPECT_EQ(ni.dhcp, 1);
+  // A "dhcp=" line sets the flag; without one the flag keeps its value.
+  for (const char* conf : {"ipaddr=1.2.3.4\ndhcp=1\n", "ipaddr=1.2.3.4\n"}) {
+    cam.write("/data/net.conf", conf);
+    ASSERT_EQ(get_net_info(), 0);
+    copy_net_info(&ni);
+    EXPECT_EQ(ni.dhcp, 1) << conf;
+  }
 }
 
 TEST_F(NetInfo, ListingsThatDoNotFit) {
-  // lo listed first, eth0 without an IPv4 address, no MAC, missing net.conf.
-  cam.platform().on("ifconfig", "lo        Link encap:Local Loopback  \n");
-  EXPECT_EQ(get_net_info(), -1);
-  cam.platform().on("ifconfig",
-                    "eth0      Link encap:Ethernet  HWaddr 02:00:00:00:00:01  \n"
-                    "          inet6 addr: fe80::1/64 Scope:Link\n");
-  EXPECT_EQ(get_net_info(), -1);
+  // lo listed first, no MAC, cut short, eth0 without an IPv4 address.
+  for (const char* listing : {"lo        Link encap:Local Loopback  \n",
+                              "eth0      Link encap:Ethernet  \n",
+                              "eth0      Link encap:Ethernet  HWaddr 02:00",
+                              "eth0      Link encap:Ethernet  HWaddr 02:00:00:00:00:01  \n"
+                              "          inet6 addr: fe80::1/64 Scope:Link\n"}) {
+    cam.platform().on("ifconfig", listing);
+    EXPECT_EQ(get_net_info(), -1) << listing;
+  }
   net_info_t ni;
   copy_net_info(&ni);
   EXPECT_STREQ(ni.macaddr, "02:00:00:00:00:01");  // what was found is kept
-  cam.platform().on("ifconfig", "eth0      Link encap:Ethernet  \n");
-  EXPECT_EQ(get_net_info(), -1);
-  cam.platform().on("ifconfig", "eth0      Link encap:Ethernet  HWaddr 02:00");  // cut short
-  EXPECT_EQ(get_net_info(), -1);
+
+  // Without net.conf ifconfig is not even run.
   cam.platform().on("ifconfig", kIfconfig);
   cam.platform().clear();
   remove(cam.path("/data/net.conf").c_str());
@@ -52,7 +50,6 @@ TEST_F(NetInfo, ListingsThatDoNotFit) {
   EXPECT_EQ(get_net_info(), -1);
   EXPECT_NE(testing::internal::GetCapturedStderr().find("fopen /data/net.conf failed"),
             std::string::npos);
-  // ifconfig is not even run.
   for (const auto& c : cam.platform().commands()) EXPECT_NE(c, "ifconfig");
 }
 
@@ -62,16 +59,18 @@ TEST_F(NetInfo, GatewayAndDns) {
   EXPECT_EQ(get_gateway(out), 0);
   EXPECT_STREQ(out, "10.0.0.254");
 
-  cam.write("/etc/resolv.conf",
-            "# generated\nsearch lan\nnameserver 1.1.1.1\nnameserver 9.9.9.9\n");
-  EXPECT_EQ(get_dns_server(out), 0);
-  EXPECT_STREQ(out, "1.1.1.1");
-  cam.write("/etc/resolv.conf", "search lan\n");
-  EXPECT_EQ(get_dns_server(out), -1);
-  EXPECT_STREQ(out, "");
-  cam.write("/etc/resolv.conf", "nameserver");
-  EXPECT_EQ(get_dns_server(out), 0);
-  EXPECT_STREQ(out, "");
+  const struct {
+    const char* resolv;
+    int rc;
+    const char* dns;
+  } rows[] = {{"# generated\nsearch lan\nnameserver 1.1.1.1\nnameserver 9.9.9.9\n", 0, "1.1.1.1"},
+              {"search lan\n", -1, ""},
+              {"nameserver", 0, ""}};
+  for (const auto& r : rows) {
+    cam.write("/etc/resolv.conf", r.resolv);
+    EXPECT_EQ(get_dns_server(out), r.rc) << r.resolv;
+    EXPECT_STREQ(out, r.dns) << r.resolv;
+  }
 }
 
 TEST(Gateway, PipeFailure) {
@@ -82,33 +81,33 @@ TEST(Gateway, PipeFailure) {
   EXPECT_STREQ(out, "");
 }
 
+// The body after the fixed skip goes to net.conf as it stands; resolv.conf
+// is rewritten only when an "fdns=" key is there.
 TEST_F(NetInfo, ConfigBodyGoesToNetConfAndDnsOnlyWithFdns) {
-  std::string head = "CONFIGNET\r\nDevice ID:" + kDevId + "\r\nClient ID:" + kCliId;
-  read_net_info((head + "\ndhcp=0\nipaddr=10.0.0.5\nfdns=1.0.0.1\n").c_str());
-  EXPECT_EQ(cam.read("/data/net.conf"), "dhcp=0\nipaddr=10.0.0.5\nfdns=1.0.0.1\n");
-  EXPECT_EQ(cam.read("/etc/resolv.conf"), "nameserver 1.0.0.1\n");
-  EXPECT_TRUE(cam.platform().ran("rm /etc/resolv.conf"));
-
-  // "\r\n" bodies keep their line ends (the skip leaves the "\n" of the
-  // separator); the DNS value stops before the "\r".
-  read_net_info((head + "\r\ndhcp=1\r\nfdns=4.4.4.4\r\n").c_str());
-  EXPECT_EQ(cam.read("/data/net.conf"), "\ndhcp=1\r\nfdns=4.4.4.4\r\n");
-  EXPECT_EQ(cam.read("/etc/resolv.conf"), "nameserver 4.4.4.4\n");
-
-  cam.platform().clear();
-  read_net_info((head + "\ndhcp=1\nipaddr=10.0.0.6").c_str());
-  EXPECT_EQ(cam.read("/data/net.conf"), "dhcp=1\nipaddr=10.0.0.6");
-  EXPECT_EQ(cam.read("/etc/resolv.conf"), "nameserver 4.4.4.4\n");
-  EXPECT_FALSE(cam.platform().ran("rm /etc/resolv.conf"));
-
-  // Key at the very end, body shorter than the skip, no key at all.
-  read_net_info((head + "\nfdns=").c_str());
-  EXPECT_EQ(cam.read("/etc/resolv.conf"), "nameserver \n");
-  read_net_info("CONFIGNET Client ID:abc");
-  EXPECT_EQ(cam.read("/data/net.conf"), "");
-  read_net_info("dhcp=1\n");
-  EXPECT_EQ(cam.read("/data/net.conf"), "dhcp=1\n");
-
+  const std::string head = "CONFIGNET\r\nDevice ID:" + kDevId + "\r\nClient ID:" + kCliId;
+  const struct {
+    std::string msg, net_conf, resolv;
+  } rows[] = {
+      {head + "\ndhcp=0\nipaddr=10.0.0.5\nfdns=1.0.0.1\n", "dhcp=0\nipaddr=10.0.0.5\nfdns=1.0.0.1\n",
+       "nameserver 1.0.0.1\n"},
+      // "\r\n" bodies keep their line ends (the skip leaves the "\n" of the
+      // separator); the DNS value stops before the "\r".
+      {head + "\r\ndhcp=1\r\nfdns=4.4.4.4\r\n", "\ndhcp=1\r\nfdns=4.4.4.4\r\n",
+       "nameserver 4.4.4.4\n"},
+      {head + "\ndhcp=1\nipaddr=10.0.0.6", "dhcp=1\nipaddr=10.0.0.6", "nameserver 4.4.4.4\n"},
+      // Key at the very end, body shorter than the skip, no key at all.
+      {head + "\nfdns=", "fdns=", "nameserver \n"},
+      {"CONFIGNET Client ID:abc", "", "nameserver \n"},
+      {"dhcp=1\n", "dhcp=1\n", "nameserver \n"},
+  };
+  for (const auto& r : rows) {
+    cam.platform().clear();
+    read_net_info(r.msg.c_str());
+    EXPECT_EQ(cam.read("/data/net.conf"), r.net_conf) << r.msg;
+    EXPECT_EQ(cam.read("/etc/resolv.conf"), r.resolv) << r.msg;
+    EXPECT_EQ(cam.platform().ran("rm /etc/resolv.conf"), r.msg.find("fdns=") != std::string::npos)
+        << r.msg;
+  }
   read_net_info_only_deviceid(("X\r\nDevice ID:" + kDevId + "\ndhcp=0\n").c_str());
   EXPECT_EQ(cam.read("/data/net.conf"), "dhcp=0\n");
 }
@@ -125,29 +124,30 @@ TEST_F(NetInfo, UpdateConfReplacesKeyLinesOnly) {
   EXPECT_EQ(cam.read("/etc/resolv.conf"), "search lan\n");
 }
 
+// "\n" or "\r\n" separators give the same values; without the MAC key the
+// serial is not taken and net.conf is left alone.
 TEST_F(NetInfo, SerialAndMacFromTheProductionCommand) {
-  std::string msg = "LUMCONFIG\nDevice ID:" + kDevId + "\nClient ID:" + kCliId +
-                    "\nSerial No:SN-000123\nMac Address:02:11:22:33:44:55";
-  update_serialNo_and_mac(msg.c_str());
-  char serial[64];
-  ASSERT_EQ(oem_serial_read(serial, sizeof(serial)), 0);
-  EXPECT_STREQ(serial, "SN-000123");
-  EXPECT_EQ(cam.read("/data/net.conf"), "dhcp=0\nipaddr=192.168.77.2\nmacaddr=02:11:22:33:44:55\n");
-
-  // "\r\n" separators give the same values.
-  msg = "LUMCONFIG\r\nDevice ID:" + kDevId + "\r\nClient ID:" + kCliId +
-        "\r\nSerial No:SN-9\r\nMac Address:02:aa:bb:cc:dd:ee\r\n";
-  update_serialNo_and_mac(msg.c_str());
-  oem_serial_read(serial, sizeof(serial));
-  EXPECT_STREQ(serial, "SN-9");
-  EXPECT_NE(cam.read("/data/net.conf").find("macaddr=02:aa:bb:cc:dd:ee\n"), std::string::npos);
-
-  // Without the MAC key the serial is not taken and net.conf is left alone.
-  std::string before = cam.read("/data/net.conf");
-  update_serialNo_and_mac("LUMCONFIG Serial No:XYZ");
-  oem_serial_read(serial, sizeof(serial));
-  EXPECT_STREQ(serial, "SN-9");
-  EXPECT_EQ(cam.read("/data/net.conf"), before);
+  const struct {
+    std::string msg;
+    const char *serial, *mac;
+  } rows[] = {
+      {"LUMCONFIG\nDevice ID:" + kDevId + "\nClient ID:" + kCliId +
+           "\nSerial No:SN-000123\nMac Address:02:11:22:33:44:55",
+       "SN-000123", "02:11:22:33:44:55"},
+      {"LUMCONFIG\r\nDevice ID:" + kDevId + "\r\nClient ID:" + kCliId +
+           "\r\nSerial No:SN-9\r\nMac Address:02:aa:bb:cc:dd:ee\r\n",
+       "SN-9", "02:aa:bb:cc:dd:ee"},
+      {"LUMCONFIG Serial No:XYZ", "SN-9", "02:aa:bb:cc:dd:ee"},
+  };
+  for (const auto& r : rows) {
+    update_serialNo_and_mac(r.msg.c_str());
+    char serial[64];
+    ASSERT_EQ(oem_serial_read(serial, sizeof(serial)), 0);
+    EXPECT_STREQ(serial, r.serial) << r.msg;
+    EXPECT_EQ(cam.read("/data/net.conf"),
+              "dhcp=0\nipaddr=192.168.77.2\nmacaddr=" + std::string(r.mac) + "\n")
+        << r.msg;
+  }
 }
 
 TEST_F(NetInfo, OemSerialRecordLayout) {

@@ -68,21 +68,21 @@ TEST_F(Helpers, KillSequenceInterruptsTheFirstEntryAndKillsTheRest) {
   EXPECT_NE(out.find("### kill process finish!!!"), std::string::npos);
 }
 
-TEST_F(Helpers, KillSequenceOfOneEntryWaitsFiveSeconds) {
+// One entry: interrupted twice, five seconds in all; an empty list or a
+// cleared flag: nothing at all.
+TEST_F(Helpers, KillSequenceOfOneEntryOrNone) {
+  EXPECT_EQ(kill_pid_main(), 0);
+  daemon_state.is_kill_pid = 0;
+  set_kill_list({"x"});
+  EXPECT_EQ(kill_pid_main(), 0);
+  EXPECT_TRUE(fake.events().empty());
+  daemon_state.is_kill_pid = 1;
   set_kill_list({"main_app"});
   kill_pid_main();
   EXPECT_EQ(fake.slept_us(), 5000000u);
   int interrupts = 0;
   for (const auto& c : fake.commands()) interrupts += c == "killall -2 main_app";
   EXPECT_EQ(interrupts, 2);
-}
-
-TEST_F(Helpers, KillSequenceDoesNothingWithoutAList) {
-  EXPECT_EQ(kill_pid_main(), 0);  // empty list
-  daemon_state.is_kill_pid = 0;
-  set_kill_list({"x"});
-  EXPECT_EQ(kill_pid_main(), 0);
-  EXPECT_TRUE(fake.events().empty());
 }
 
 TEST_F(Helpers, FindPidTakesTheFirstNumberOfTheListing) {
@@ -184,22 +184,18 @@ TEST_F(Helpers, CreateDirAndFileSize) {
 
 TEST_F(Helpers, NumberTexts) {
   char buf[16];
-  int_to_decimal(0, buf);
-  EXPECT_STREQ(buf, "0");
-  int_to_decimal(4294967295u, buf);
-  EXPECT_STREQ(buf, "4294967295");
-  EXPECT_EQ(int_to_hex(0, buf), 0);
-  EXPECT_STREQ(buf, "");
-  EXPECT_EQ(int_to_hex(31, buf), 2);
-  EXPECT_STREQ(buf, "1F");
-  EXPECT_EQ(int_to_hex(0xDEADBEEF, buf), 8);
-  EXPECT_STREQ(buf, "DEADBEEF");
-  EXPECT_EQ(hex_to_int("1g"), 32u);  // letters past f count on
-  EXPECT_EQ(hex_to_int("ff"), 255u);
-  EXPECT_EQ(hex_to_int("FF x"), 255u);
-  EXPECT_EQ(hex_to_int("0x10"), 0x2110u);  // 'x' is a letter too: 0, 33, 1, 0
-  EXPECT_EQ(hex_to_int(""), 0u);
-  EXPECT_EQ(hex_to_int("123456789"), 0x23456789u);  // no overflow check
+  for (uint32_t v : {0u, 4294967295u}) {
+    int_to_decimal(v, buf);
+    EXPECT_EQ(std::string(buf), std::to_string(v));
+  }
+  for (auto [v, text] : {std::pair<uint32_t, const char*>{0, ""}, {31, "1F"}, {0xDEADBEEF, "DEADBEEF"}}) {
+    EXPECT_EQ(int_to_hex(v, buf), static_cast<int>(strlen(text))) << text;
+    EXPECT_STREQ(buf, text);
+  }
+  // Letters past f count on ('x' too: "0x10" is 0, 33, 1, 0); no overflow check.
+  for (auto [text, v] : {std::pair<const char*, uint32_t>{"1g", 32}, {"ff", 255}, {"FF x", 255},
+                         {"0x10", 0x2110}, {"", 0}, {"123456789", 0x23456789}})
+    EXPECT_EQ(hex_to_int(text), v) << text;
 }
 
 TEST_F(Helpers, TcpMessageLayout) {
@@ -227,22 +223,19 @@ TEST_F(Helpers, TcpMessageLayout) {
 
 TEST_F(Helpers, DiskTrailerCountsPartitionBits) {
   daemon_state.mtd_num = 4;
-  std::string body(100, 'x');
-  cam.write("/dev/img", body + std::string("UZ\xAA\xA5<v1><3.11>", 14));
+  const std::string body(100, 'x'), mark("UZ\xAA\xA5");
+  cam.write("/dev/img", body + mark + "<v1><3.11>");
   int total = 0, list = 0, len = 0;
   EXPECT_EQ(check_disk_info("/dev/img", &total, &list, &len), 0);  // 11 = bits 0,1,3
   EXPECT_EQ(total, 3);
   EXPECT_EQ(list, 11);
   EXPECT_EQ(len, 14);
-  cam.write("/dev/img", body + std::string("UZ\xAA\xA5<v1><0.11>", 14));
-  EXPECT_EQ(check_disk_info("/dev/img", &total, &list, &len), -1);
   // Numbers past an int are refused, not wrapped (2^32 + 1 would pass as 1).
-  cam.write("/dev/img", body + std::string("UZ\xAA\xA5<v><4294967297.1>", 21));
-  EXPECT_EQ(check_disk_info("/dev/img", &total, &list, &len), -1);
-  cam.write("/dev/img", body + std::string("UZ\xAA\xA5<v><1.99999999999>", 22));
-  EXPECT_EQ(check_disk_info("/dev/img", &total, &list, &len), -1);
-  cam.write("/dev/img", "tiny");
-  EXPECT_EQ(check_disk_info("/dev/img", &total, &list, &len), -1);
+  for (const std::string& file : {body + mark + "<v1><0.11>", body + mark + "<v><4294967297.1>",
+                                  body + mark + "<v><1.99999999999>", std::string("tiny")}) {
+    cam.write("/dev/img", file);
+    EXPECT_EQ(check_disk_info("/dev/img", &total, &list, &len), -1) << file;
+  }
   EXPECT_EQ(check_disk_info("/dev/none", &total, &list, &len), -1);
 }
 

@@ -49,35 +49,23 @@ TEST_F(Search, OddFramesAndForeignCommands) {
   EXPECT_TRUE(net.sent.empty());
 }
 
+// "S2" is looked for before a single 'T'; a file that gives nothing keeps
+// the code. The start-up model names the kind after its first '.'.
 TEST(DeviceType, ModelTextsGiveTypeCodes) {
-  struct Case {
-    const char* text;
-    const char* code;
-  };
-  for (auto c : {Case{"S2T", "DKW7"}, Case{"T2S2", "HKW7"}, Case{"XT", "HKW7"}, Case{"S", "DKW7"},
-                 Case{"abc\n", "DKW7"}}) {
-    FakeCamera cam;
-    set_device_type_code("");
-    cam.platform().on("cat /home/device_model_file", c.text);
-    EXPECT_EQ(get_device_type_info(), 0);
-    char code[kTypeCodeLen];
-    get_device_type_code(code);
-    EXPECT_STREQ(code, c.code) << c.text;
-  }
-  // The start-up model names the kind after its first '.'.
-  EXPECT_STREQ(type_code_of_model("K1.T"), "HKW7");
-  EXPECT_STREQ(type_code_of_model("K1.T2"), "HKW7");
-  EXPECT_STREQ(type_code_of_model("K1.S2"), "DKW7");
-  EXPECT_STREQ(type_code_of_model("K1.TX"), "DKW7");
-  EXPECT_EQ(type_code_of_model("K1T"), nullptr);
-
-  // A file that gives nothing keeps the code.
   FakeCamera cam;
-  cam.platform().on("cat /home/device_model_file", "");
-  EXPECT_EQ(get_device_type_info(), -1);
-  char code[kTypeCodeLen];
-  get_device_type_code(code);
-  EXPECT_STREQ(code, "DKW7");
+  set_device_type_code("");
+  const std::pair<const char*, const char*> rows[] = {
+      {"S2T", "DKW7"}, {"T2S2", "HKW7"}, {"XT", "HKW7"}, {"", "HKW7"}, {"S", "DKW7"}, {"abc\n", "DKW7"}};
+  for (const auto& [text, code] : rows) {
+    cam.platform().on("cat /home/device_model_file", text);
+    EXPECT_EQ(get_device_type_info(), *text ? 0 : -1) << text;
+    char got[kTypeCodeLen];
+    get_device_type_code(got);
+    EXPECT_STREQ(got, code) << text;
+  }
+  for (auto [model, code] : {std::pair<const char*, const char*>{"K1.T", "HKW7"}, {"K1.T2", "HKW7"},
+                             {"K1.S2", "DKW7"}, {"K1.TX", "DKW7"}, {"K1T", nullptr}})
+    EXPECT_STREQ(type_code_of_model(model), code) << model;
 }
 
 TEST_F(Search, QueryAnswersOnlyAWholeFrameWithItsSerial) {
@@ -119,8 +107,7 @@ TEST_F(Search, SetRewritesNetConfAnswersAndReboots) {
             "macaddr=02:00:00:00:00:01\n");
   EXPECT_EQ(cam.read("/etc/resolv.conf"), "nameserver 9.9.9.9\n");
   EXPECT_EQ(recv_text(control, 0), std::string("\x88\x0b\x01\xaa\xff"));
-  auto ev = cam.platform().events();
-  EXPECT_EQ(std::vector<std::string>(ev.end() - 4, ev.end()),
+  EXPECT_EQ(last_events(cam, 4),
             (std::vector<std::string>{"sync", "sleep:2000000", "sleep:5000000", "reboot"}));
 }
 
@@ -144,7 +131,7 @@ TEST_F(Search, ServesWhatArrivesCutAt512Bytes) {
   int tool = bound_udp(nullptr);
   auto f = search_frame();
   f.resize(600, 0x55);
-  sendto(tool, f.data(), f.size(), 0, reinterpret_cast<sockaddr*>(&cam_addr), sizeof(cam_addr));
+  send_text(tool, cam_addr, std::string(f.begin(), f.end()));
   EXPECT_EQ(search_mira_serve_once(sock), 512);
   EXPECT_EQ(net.sent.size(), 2u);
   EXPECT_EQ(cam.platform().events().back(), "sleep:300000");

@@ -16,7 +16,9 @@ TEST(WireMessages, SearchRequestCarriesTheClientIdAtByte28) {
   EXPECT_EQ(req.substr(wire::kSearchClientIdAt), kC);
 }
 
-TEST(WireMessages, AnnouncementNamesEveryCameraAndEndsVariableFields) {
+// Every camera named after the count; the variable fields end with '*'; the
+// camera's reader gets every field back.
+TEST(WireMessages, AnnouncementNamesEveryCameraAndReadsBack) {
   wire::announcement a;
   a.device_ids = {kA, kB};
   a.client_id = kC;
@@ -25,31 +27,22 @@ TEST(WireMessages, AnnouncementNamesEveryCameraAndEndsVariableFields) {
   a.md5 = std::string(32, 'f');
   a.file_size = 123456789;
   a.mode = 5;
-  EXPECT_EQ(wire::build_announcement(a),
-            "CAMERA_UP\r\nDevice ID:0002" + kA + kB + "\r\nClient ID:" + kC + "\r\nSESSION:" + kS +
-                "\r\nFile name:fw.zip*\r\nFile md5:" + std::string(32, 'f') +
-                "\r\nFile size:123456789*\r\nUpgrade Mode:5");
-}
-
-TEST(WireMessages, AnnouncementFieldsAsTheCameraReadsThem) {
-  wire::announcement a;
-  a.device_ids = {kA};
-  a.client_id = kC;
-  a.session = kS;
-  a.file_name = "fw.zip";
-  a.md5 = std::string(32, 'f');
-  a.file_size = 987654321;
-  a.mode = 3;
-  auto f = wire::read_announcement(wire::build_announcement(a));
+  const std::string text = wire::build_announcement(a);
+  EXPECT_EQ(text, "CAMERA_UP\r\nDevice ID:0002" + kA + kB + "\r\nClient ID:" + kC + "\r\nSESSION:" +
+                      kS + "\r\nFile name:fw.zip*\r\nFile md5:" + std::string(32, 'f') +
+                      "\r\nFile size:123456789*\r\nUpgrade Mode:5");
+  auto f = wire::read_announcement(text);
   EXPECT_EQ(f.session, kS);
   EXPECT_EQ(f.file_name, "fw.zip");
   EXPECT_EQ(f.md5, a.md5);
-  EXPECT_EQ(f.file_size, 987654321);
-  EXPECT_EQ(f.mode, 3);
+  EXPECT_EQ(f.file_size, 123456789);
+  EXPECT_EQ(f.mode, 5);
+}
 
+TEST(WireMessages, AnnouncementFieldWidthsAndEnds) {
   // Widths: a name without its '*' stops at 128 characters, a size at nine
   // digits; a mode is one character; a missing mode is no mode at all.
-  f = wire::read_announcement("File name:" + std::string(200, 'n') +
+  auto f = wire::read_announcement("File name:" + std::string(200, 'n') +
                               "\r\nFile size:12345678901*\r\nUpgrade Mode:12");
   EXPECT_EQ(f.file_name, std::string(128, 'n'));
   EXPECT_EQ(f.file_size, 123456789);

@@ -106,17 +106,22 @@ struct LoopEndpoint {
   }
 };
 
+// The daemon's records as at start-up, with this camera's identity.
+inline void reset_camera_state() {
+  reset_daemon_state();
+  fill_protocol_keywords();
+  set_device_id(kDevId.c_str());
+  set_client_id("");
+  set_mcast_upgrade_in_progress(0);
+  net_info_t zero{};
+  set_net_info(zero);
+}
+
 // A camera with an identity, a network listing and the keyword table.
 struct CameraFixtureBase {
   FakeCamera cam;
   CameraFixtureBase() {
-    reset_daemon_state();
-    fill_protocol_keywords();
-    set_device_id(kDevId.c_str());
-    set_client_id("");
-    set_mcast_upgrade_in_progress(0);
-    net_info_t zero{};
-    set_net_info(zero);
+    reset_camera_state();
     cam.write("/data/net.conf", "dhcp=0\nipaddr=192.168.77.2\nmacaddr=02:00:00:00:00:01\n");
     cam.write("/etc/resolv.conf", "nameserver 8.8.8.8\n");
     // More specific commands first: the first matching rule answers.

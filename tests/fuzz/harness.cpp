@@ -49,19 +49,13 @@ void drain(int fd) {
 
 }  // namespace
 
-void reset_camera() {
+FuzzCamera& reset_camera() {
   FuzzCamera& c = fuzz_camera();
-  reset_daemon_state();
-  fill_protocol_keywords();
+  reset_camera_state();
   daemon_state.work_mode = WORK_NORMAL;
-  set_device_id(kDevId.c_str());
-  set_client_id("");
   set_upgrade_client_id("");
-  set_mcast_upgrade_in_progress(0);
   reset_production_mode();
   set_device_type_code("");
-  net_info_t zero{};
-  set_net_info(zero);
   put_file(c.cam.path("/data/net.conf"), "dhcp=0\nipaddr=192.168.77.2\nmacaddr=02:00:00:00:00:01\n");
   put_file(c.cam.path("/etc/resolv.conf"), "nameserver 8.8.8.8\n");
   put_file(c.cam.path("/customer/version_file"), "V2.5.1\n");
@@ -69,6 +63,7 @@ void reset_camera() {
   c.cam.platform().clear();
   drain(c.ep.tool);
   drain(c.control);
+  return c;
 }
 
 std::vector<std::string_view> split_pieces(const uint8_t* data, size_t size) {

@@ -1,15 +1,13 @@
 // The ID checks every addressed command passes: a message is for this
 // camera only when its ID really stands in it, and no check reads past the
 // message.
-#include <cstring>
-
 #include "harness.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   fuzz_camera();  // the checks touch no file: the identity is all they need
   set_device_id(kDevId.c_str());
   const std::string msg(reinterpret_cast<const char*>(data), size);  // NUL-terminated copy
-  const bool names_us = strstr(msg.c_str(), kDevId.c_str()) != nullptr;
+  const bool names_us = names_this_camera(msg);
   for (int (*check)(const char*) : {check_uuid, check_uuid_only_deviceid, check_uuid_bat}) {
     set_client_id("");
     const int rc = check(msg.c_str());

@@ -51,8 +51,7 @@ void end_previous_transfer(FuzzCamera& c) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size == 0) return 0;
-  FuzzCamera& c = fuzz_camera();
-  reset_camera();
+  FuzzCamera& c = reset_camera();
   end_previous_transfer(c);
   reset_camera();
   c.cam.platform().on("/usr/bin/md5sum", kDigest + "  file\n");
@@ -61,8 +60,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   flash_and_table(*flash);
   // First byte: debugging (bit 0); then the datagrams.
   daemon_state.work_mode = (data[0] & 1) ? WORK_DEBUG : WORK_NORMAL;
-  for (std::string_view piece : split_pieces(data + 1, size - 1)) {
-    std::vector<char> exact(piece.begin(), piece.begin() + std::min(piece.size(), kBatchDatagram));
+  for (std::string_view d : split_pieces(data + 1, size - 1)) {
+    std::vector<char> exact = exact_copy(d, kBatchDatagram);
     mcast_receive(&c.ep.ep, exact.data(), exact.size());
   }
   static const std::set<std::string> kTop = {"customer", "data", "dev", "etc", "mnt", "tmp"};

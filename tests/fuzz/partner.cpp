@@ -11,15 +11,12 @@
 namespace wp = wire::partner;
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  FuzzCamera& c = fuzz_camera();
-  reset_camera();
+  FuzzCamera& c = reset_camera();
   FakeMiraNet net;
   c.cam.platform().on("cat /home/device_model_file", "T2\n");
 
   const std::vector<std::string_view> p = split_pieces(data, size);
-  const std::string_view req = p[0].substr(0, wp::kDatagramMax);
-  const auto* bytes = reinterpret_cast<const uint8_t*>(req.data());
-  std::vector<uint8_t> exact(bytes, bytes + req.size());
+  std::vector<uint8_t> exact = exact_copy<uint8_t>(p[0], wp::kDatagramMax);
   mcast_receive_mira(exact.size(), exact.data());
   if (p.size() > 1) net.answer(std::vector<uint8_t>(p[1].begin(), p[1].end()));
   param_receive_mira(c.ep.sock.load(), c.ep.tool_addr, exact.data(), exact.size());

@@ -2,35 +2,22 @@
 // list, the delete list, fw_env.config, /proc/mtd (as cat | grep prints it),
 // upgrade.conf and the version file. Counts stay within their tables and
 // every text within its field.
-#include <cstring>
-
 #include "core/helpers.h"
 #include "core/site_conf.h"
 #include "fakes/fake_flash.h"
 #include "harness.h"
 
-namespace {
-
-template <size_t N>
-bool terminated(const char (&field)[N]) {
-  return strnlen(field, N) < N;
-}
-
-}  // namespace
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  FuzzCamera& c = fuzz_camera();
-  reset_camera();
+  FuzzCamera& c = reset_camera();
   FakeFlash flash;  // fw_env.config sums the sizes of the partitions before it
   flash.add_chain({0x10000, 0x20000}, 0x10000);
   const std::vector<std::string_view> p = split_pieces(data, size);
-  auto piece = [&p](size_t i) { return i < p.size() ? std::string(p[i]) : std::string(); };
-  c.cam.write("/customer/pid_list", piece(0));
-  c.cam.write("/customer/del_list", piece(1));
-  c.cam.write("/etc/fw_env.config", piece(2));
-  c.cam.platform().on("/bin/cat /proc/mtd | grep mtd", piece(3));
-  c.cam.write("/customer/upgrade.conf", piece(4));
-  c.cam.write("/customer/version_file", piece(5));
+  c.cam.write("/customer/pid_list", piece(p, 0));
+  c.cam.write("/customer/del_list", piece(p, 1));
+  c.cam.write("/etc/fw_env.config", piece(p, 2));
+  c.cam.platform().on("/bin/cat /proc/mtd | grep mtd", piece(p, 3));
+  c.cam.write("/customer/upgrade.conf", piece(p, 4));
+  c.cam.write("/customer/version_file", piece(p, 5));
 
   daemon_state_t& st = daemon_state;
   read_pid_config();

@@ -42,8 +42,7 @@ void bootloader(int master, std::string answers) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size < 2) return 0;
-  FuzzCamera& c = fuzz_camera();
-  reset_camera();
+  FuzzCamera& c = reset_camera();
   const std::set<int> before = open_fds();
   int master = -1, slave = -1;
   if (openpty(&master, &slave, nullptr, nullptr, nullptr) != 0) return 0;

@@ -40,6 +40,14 @@ struct fake_camera {
   time_point ready_at{}, down_from = time_point::max(), up_at{};
 };
 
+// Camera `c`: device ID of 32 c's, address 192.168.77.10 for 'a' and on.
+inline fake_camera camera(char c) {
+  fake_camera f;
+  f.id = std::string(32, c);
+  f.ip = "192.168.77." + std::to_string(c - 'a' + 10);
+  return f;
+}
+
 class fake_lan : public camtool::transport {
  public:
   explicit fake_lan(std::vector<fake_camera> cams) : cams(std::move(cams)) {}
@@ -47,9 +55,7 @@ class fake_lan : public camtool::transport {
   std::vector<fake_camera> cams;
   struct sent_datagram {
     time_point at;
-    channel ch;
     std::string data;
-    std::string to;  // send_to's address
   };
   std::vector<sent_datagram> sent;
 
@@ -67,23 +73,32 @@ class fake_lan : public camtool::transport {
     return d;
   }
 
-  void send_to(channel ch, const std::string& ip, int, std::string_view text) override {
-    sent.push_back({now_, ch, std::string(text), ip});
+  void send_to(channel, const std::string&, int, std::string_view text) override {
+    sent.push_back({now_, std::string(text)});
   }
 
   void send(channel ch, std::string_view text) override {
     std::string data(text);
-    sent.push_back({now_, ch, data, ""});
+    sent.push_back({now_, data});
     for (fake_camera& c : cams)
       if (!down(c)) react(c, ch, data);
   }
 
+  static bool is_packet(const std::string& d) {
+    return d.rfind("CAMERA_UP", 0) == 0 && d.find("Device ID:") == std::string::npos;
+  }
   // The transfer packets sent, in order.
   std::vector<wire::packet_view> packets() const {
     std::vector<wire::packet_view> out;
     for (const auto& s : sent)
-      if (s.data.rfind("CAMERA_UP", 0) == 0 && s.data.find("Device ID:") == std::string::npos)
-        out.push_back(*wire::parse_packet(s.data.data(), s.data.size()));
+      if (is_packet(s.data)) out.push_back(*wire::parse_packet(s.data.data(), s.data.size()));
+    return out;
+  }
+  // The announcements sent, in order.
+  std::vector<std::string> announcements() const {
+    std::vector<std::string> out;
+    for (const auto& s : sent)
+      if (s.data.find("File md5:") != std::string::npos) out.push_back(s.data);
     return out;
   }
 

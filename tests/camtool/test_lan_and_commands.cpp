@@ -2,7 +2,6 @@
 // commands refuse or send.
 #include <gtest/gtest.h>
 
-
 #include "camtool/broadcast.h"
 #include "camtool/commands.h"
 #include "camtool/fake_lan.h"
@@ -11,7 +10,6 @@
 namespace {
 
 using camtool::iface_info;
-using camtool_test::fake_camera;
 using camtool_test::fake_lan;
 
 std::string choose(const std::vector<iface_info>& all, const std::string& requested,
@@ -44,15 +42,8 @@ TEST(Interface, ChoiceAndTheErrorsThatNameTheInterfaces) {
   EXPECT_EQ(choose({lo, down}, "eth2", ""), "error: interface eth2 is down");
 }
 
-fake_camera cam(char c, const std::string& ip) {
-  fake_camera f;
-  f.id = std::string(32, c);
-  f.ip = ip;
-  return f;
-}
-
 TEST(Search, OneRecordPerCameraHeardOnBothGroupsAndResolveByAddress) {
-  fake_lan lan({cam('a', "192.168.77.10"), cam('b', "192.168.77.11")});
+  fake_lan lan({camtool_test::camera('a'), camtool_test::camera('b')});
   camtool::camera_map found = camtool::search(lan, std::string(32, 'c'), 2.0);
   ASSERT_EQ(found.size(), 2u);
   EXPECT_EQ(found[std::string(32, 'b')].ip, "192.168.77.11");

@@ -19,12 +19,7 @@ const std::string kClient(32, 'c');
 
 std::string id_of(char c) { return std::string(32, c); }
 
-fake_camera cam(char c) {
-  fake_camera f;
-  f.id = id_of(c);
-  f.ip = std::string("192.168.77.") + std::to_string(c - 'a' + 10);
-  return f;
-}
+fake_camera cam(char c) { return camtool_test::camera(c); }
 
 std::string random_bytes(size_t n) {
   std::mt19937 gen(42);
@@ -95,7 +90,7 @@ TEST(Upgrade, StreamKeepsTheRequestedRate) {
     std::vector<camtool::time_point> at;
     uint64_t bits_before_last = 0, last = 0;
     for (const auto& s : lan.sent)
-      if (s.data.rfind("CAMERA_UP", 0) == 0 && s.data.find("Device ID:") == std::string::npos) {
+      if (fake_lan::is_packet(s.data)) {
         at.push_back(s.at);
         bits_before_last += last;
         last = s.data.size() * 8;
@@ -121,9 +116,7 @@ TEST(Upgrade, AnnouncesAgainOnlyToCamerasWhoseMd5Failed) {
   EXPECT_EQ(r.by_id[id_of('a')]["acks"], json::array({"057"}));
   for (const auto& c : lan.cams) EXPECT_TRUE(c.confirmed) << c.id;
   // The second announcement names the failed camera alone, in a new session.
-  std::vector<std::string> announcements;
-  for (const auto& s : lan.sent)
-    if (s.data.find("File md5:") != std::string::npos) announcements.push_back(s.data);
+  std::vector<std::string> announcements = lan.announcements();
   ASSERT_EQ(announcements.size(), 2u);
   EXPECT_NE(announcements[0].find("Device ID:0003"), std::string::npos);
   EXPECT_NE(announcements[1].find("Device ID:0001" + id_of('b') + "\r\n"), std::string::npos);
@@ -155,27 +148,9 @@ TEST(Upgrade, ASiteTooLargeForOneAnnouncementIsNamedInSeveral) {
   fake_lan lan(site);
   run_result r = upgrade(lan, random_bytes(100), to(ids));
   EXPECT_EQ(r.status, 0) << r.log;
-  size_t announcements = 0;
-  for (const auto& s : lan.sent)
-    if (s.data.find("File md5:") != std::string::npos) {
-      ++announcements;
-      EXPECT_LE(s.data.size(), wire::kBatchDatagram);
-    }
-  EXPECT_EQ(announcements, 2u);
+  ASSERT_EQ(lan.announcements().size(), 2u);
+  for (const auto& a : lan.announcements()) EXPECT_LE(a.size(), wire::kBatchDatagram);
   for (const auto& c : lan.cams) EXPECT_EQ(c.announced_sessions.size(), 1u) << c.id;
-}
-
-TEST(Upgrade, CamerasThatDoNotTakeTheFileAreReportedAndFailTheRun) {
-  fake_camera full = cam('c'), busy = cam('d');
-  full.ready_code = '1';
-  busy.ready_code = '9';
-  fake_lan lan({cam('a'), full, busy});
-  camtool::upgrade_options o = to({id_of('a'), id_of('c'), id_of('d')});
-  run_result r = upgrade(lan, random_bytes(7000), o);
-  EXPECT_EQ(r.status, camtool::kExitFailed);
-  EXPECT_EQ(r.by_id[id_of('a')]["outcome"], "upgraded");
-  EXPECT_EQ(r.by_id[id_of('c')]["outcome"], "not enough space in /dev");
-  EXPECT_EQ(r.by_id[id_of('d')]["outcome"], "busy with another upgrade");
 }
 
 TEST(Upgrade, HowTheToolTellsARebootFromACameraThatStayedUp) {
@@ -198,13 +173,20 @@ TEST(Upgrade, HowTheToolTellsARebootFromACameraThatStayedUp) {
   EXPECT_NE(r.log.find(id_of('b') + ": still up, no reboot seen"), std::string::npos) << r.log;
 }
 
-TEST(Upgrade, SlowCameraAnsweringOurResentAnnouncementBusyStillUpgrades) {
-  fake_camera slow = cam('a');
+// A camera without room or busy with another upgrade is reported and fails
+// the run; a slow one answering our resent announcement busy still upgrades.
+TEST(Upgrade, CamerasThatDoNotTakeTheFileAndASlowOne) {
+  fake_camera slow = cam('a'), full = cam('c'), busy = cam('d');
   slow.ready_delay = 12.0;  // longer than the resend interval
-  fake_lan lan({slow});
-  run_result r = upgrade(lan, random_bytes(100), to({id_of('a')}));
-  EXPECT_EQ(r.status, 0) << r.log;
+  full.ready_code = '1';
+  busy.ready_code = '9';
+  fake_lan lan({slow, full, busy});
+  run_result r = upgrade(lan, random_bytes(7000), to({id_of('a'), id_of('c'), id_of('d')}));
+  EXPECT_EQ(r.status, camtool::kExitFailed);
+  EXPECT_EQ(r.by_id[id_of('a')]["outcome"], "upgraded") << r.log;
   EXPECT_EQ(r.by_id[id_of('a')]["acks"], json::array({"057"}));
+  EXPECT_EQ(r.by_id[id_of('c')]["outcome"], "not enough space in /dev");
+  EXPECT_EQ(r.by_id[id_of('d')]["outcome"], "busy with another upgrade");
 }
 
 TEST(Upgrade, PartitionImagesMustFitTheCamerasPartition) {

@@ -116,12 +116,14 @@ TEST_F(Helpers, WatchdogRebootArmsAndNeverFeeds) {
   capture();
   EXPECT_EQ(wdt_reboot(1), 1);
   release();
-  char set[64], enable[64], get[64];
-  snprintf(set, sizeof(set), "wdt_ioctl:%lx:1", static_cast<unsigned long>(WDIOC_SETTIMEOUT));
-  snprintf(enable, sizeof(enable), "wdt_ioctl:c0045704:2");
-  snprintf(get, sizeof(get), "wdt_ioctl:%lx:0", static_cast<unsigned long>(WDIOC_GETTIMEOUT));
-  std::vector<std::string> expect = {"wdt_open", set, enable, get};
-  EXPECT_EQ(fake.events(), expect);
+  auto ioctl = [](unsigned long req, int arg) {
+    char text[64];
+    snprintf(text, sizeof(text), "wdt_ioctl:%lx:%d", req, arg);
+    return std::string(text);
+  };
+  // Timeout, then enable (WDIOS_ENABLECARD through WDIOC_SETOPTIONS), then read back.
+  EXPECT_EQ(fake.events(), (std::vector<std::string>{"wdt_open", ioctl(WDIOC_SETTIMEOUT, 1),
+                                                     ioctl(0xc0045704, 2), ioctl(WDIOC_GETTIMEOUT, 0)}));
   EXPECT_NE(out.find("wdt time 1s"), std::string::npos);
 }
 

@@ -32,8 +32,6 @@ void FakeFlash::add_chain(const std::vector<uint32_t>& sizes, uint32_t erasesize
   }
 }
 
-std::vector<uint8_t>& FakeFlash::data(int dev) { return dev_.at(dev).bytes; }
-
 void FakeFlash::fill(int dev, const std::vector<uint8_t>& bytes, uint32_t at) {
   std::lock_guard<std::mutex> lock(mu_);
   Device& d = dev_.at(dev);
@@ -47,13 +45,6 @@ void FakeFlash::set_bad_map(int dev, const std::string& map) {
   for (size_t i = 0; i < d.bad.size(); ++i) d.bad[i] = i < map.size() && map[i] == 'B';
 }
 
-std::string FakeFlash::bad_map(int dev) const {
-  std::lock_guard<std::mutex> lock(mu_);
-  std::string out;
-  for (bool b : dev_.at(dev).bad) out += b ? 'B' : '.';
-  return out;
-}
-
 std::string FakeFlash::erase_map(int dev) const {
   std::lock_guard<std::mutex> lock(mu_);
   std::string out;
@@ -61,77 +52,9 @@ std::string FakeFlash::erase_map(int dev) const {
   return out;
 }
 
-void FakeFlash::fail_erase(int dev, uint32_t block) {
-  std::lock_guard<std::mutex> lock(mu_);
-  dev_.at(dev).erase_fail.insert(block);
-}
-void FakeFlash::fail_write(int dev, uint32_t block) {
-  std::lock_guard<std::mutex> lock(mu_);
-  dev_.at(dev).write_fail.insert(block);
-}
-void FakeFlash::fail_read(int dev, uint32_t block) {
-  std::lock_guard<std::mutex> lock(mu_);
-  dev_.at(dev).read_fail.insert(block);
-}
-void FakeFlash::short_read(int dev, uint32_t block, size_t keep) {
-  std::lock_guard<std::mutex> lock(mu_);
-  dev_.at(dev).read_short[block] = keep;
-}
-void FakeFlash::fail_verify(int dev, uint32_t block, int times) {
-  std::lock_guard<std::mutex> lock(mu_);
-  dev_.at(dev).weak[block] = times;
-}
-void FakeFlash::fail_open(const std::string& path) {
-  std::lock_guard<std::mutex> lock(mu_);
-  open_fail_.push_back(path);
-}
-void FakeFlash::fail_get_info(bool on) {
-  std::lock_guard<std::mutex> lock(mu_);
-  info_fail_ = on;
-}
-void FakeFlash::fail_bad_block_query(bool on) {
-  std::lock_guard<std::mutex> lock(mu_);
-  badq_fail_ = on;
-}
-void FakeFlash::fail_close(bool on) {
-  std::lock_guard<std::mutex> lock(mu_);
-  close_fail_ = on;
-}
-void FakeFlash::set_regions(int dev, const std::vector<region_info_user>& regions) {
-  std::lock_guard<std::mutex> lock(mu_);
-  dev_.at(dev).regions = regions;
-}
-void FakeFlash::power_cut_after(long k) {
-  std::lock_guard<std::mutex> lock(mu_);
-  cut_after_ = k;
-}
-bool FakeFlash::power_lost() const {
-  std::lock_guard<std::mutex> lock(mu_);
-  return lost_;
-}
-long FakeFlash::erases() const {
-  std::lock_guard<std::mutex> lock(mu_);
-  return erases_;
-}
-long FakeFlash::bytes_programmed() const {
-  std::lock_guard<std::mutex> lock(mu_);
-  return programmed_;
-}
-long FakeFlash::bytes_read() const {
-  std::lock_guard<std::mutex> lock(mu_);
-  return read_;
-}
-long FakeFlash::operations() const {
-  std::lock_guard<std::mutex> lock(mu_);
-  return ops_;
-}
-int FakeFlash::open_count() const {
-  std::lock_guard<std::mutex> lock(mu_);
-  return static_cast<int>(fds_.size());
-}
 void FakeFlash::reset_counters() {
   std::lock_guard<std::mutex> lock(mu_);
-  ops_ = erases_ = programmed_ = read_ = 0;
+  ops_ = erases_ = programmed_ = 0;
   for (Device& d : dev_) d.erased.assign(d.erased.size(), false);
 }
 
@@ -294,7 +217,6 @@ ssize_t FakeFlash::read(int fd, void* buf, size_t count) {
   }
   std::memcpy(buf, d->bytes.data() + h->pos, n);
   h->pos += n;
-  read_ += static_cast<long>(n);
   return static_cast<ssize_t>(n);
 }
 

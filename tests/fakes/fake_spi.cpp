@@ -59,19 +59,14 @@ int FakeSpiBus::ioctl(int fd, unsigned long request, void* arg) {
     errno = EINVAL;
     return -1;
   }
-  if (request == SPI_IOC_WR_MODE) {
-    mode_ = *static_cast<uint8_t*>(arg);
-    events_.push_back("mode:" + std::to_string(mode_));
-    return 0;
-  }
-  if (request == SPI_IOC_WR_BITS_PER_WORD) {
-    bits_ = *static_cast<uint8_t*>(arg);
-    events_.push_back("bits:" + std::to_string(bits_));
+  if (request == SPI_IOC_WR_MODE || request == SPI_IOC_WR_BITS_PER_WORD) {
+    const bool mode = request == SPI_IOC_WR_MODE;
+    (mode ? mode_ : bits_) = *static_cast<uint8_t*>(arg);
+    events_.push_back((mode ? "mode:" : "bits:") + std::to_string(mode ? mode_ : bits_));
     return 0;
   }
   if (request == SPI_IOC_WR_MAX_SPEED_HZ) {
-    speed_ = *static_cast<uint32_t*>(arg);
-    events_.push_back("speed:" + std::to_string(speed_));
+    events_.push_back("speed:" + std::to_string(*static_cast<uint32_t*>(arg)));
     return 0;
   }
   if (request == SPI_IOC_MESSAGE(1)) {
@@ -109,9 +104,4 @@ std::vector<FakeSpiBus::Transfer> FakeSpiBus::transfers() const {
 std::vector<std::string> FakeSpiBus::events() const {
   std::lock_guard<std::mutex> lock(mu_);
   return events_;
-}
-
-int FakeSpiBus::open_descriptors() const {
-  std::lock_guard<std::mutex> lock(mu_);
-  return static_cast<int>(open_.size());
 }

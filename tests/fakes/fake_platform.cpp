@@ -89,10 +89,7 @@ int FakePlatform::gettimeofday(struct timeval* tv) {
   return 0;
 }
 
-void FakePlatform::sync() {
-  std::lock_guard<std::mutex> lock(mu_);
-  record("sync");
-}
+void FakePlatform::sync() { locked([&] { record("sync"); }); }
 
 int FakePlatform::watchdog_open(const char*) {
   std::lock_guard<std::mutex> lock(mu_);
@@ -144,26 +141,17 @@ int FakePlatform::exec(const char* path, char* const argv[]) {
 }
 
 void FakePlatform::exit_child(int status) {
-  {
-    std::lock_guard<std::mutex> lock(mu_);
-    record("child_exit:" + std::to_string(status));
-  }
+  locked([&] { record("child_exit:" + std::to_string(status)); });
   throw ProcessExited(status);
 }
 
 void FakePlatform::end_thread() {
-  {
-    std::lock_guard<std::mutex> lock(mu_);
-    record("end_thread");
-  }
+  locked([&] { record("end_thread"); });
   throw ThreadEnded();
 }
 
 void FakePlatform::exit_process(int status) {
-  {
-    std::lock_guard<std::mutex> lock(mu_);
-    record("exit:" + std::to_string(status));
-  }
+  locked([&] { record("exit:" + std::to_string(status)); });
   throw ProcessExited(status);
 }
 

@@ -64,21 +64,17 @@ TEST_F(ImageLayoutTest, Compare) {
   EXPECT_TRUE(cam.platform().commands().empty());
 }
 
+// The writers return the shell status; values without a command line run
+// the empty line (the others are seen through the installers' tests).
 TEST_F(ImageLayoutTest, FlagWriters) {
   cam.platform().on("dfu_upgrade_flag 1", "", 256);
   EXPECT_EQ(256, set_dfu_upgrade_flag(1));
   set_dfu_upgrade_flag(2);
-  set_dfu_upgrade_flag(0);
-  set_net_upgrade_flag(1);
-  set_net_upgrade_flag(2);
   set_net_upgrade_flag(0);
   set_dfu_upgrade_flag(7);
-  EXPECT_EQ(
-      (std::vector<std::string>{
-          "popen:/dev/fw_setenv dfu_upgrade_flag 1", "popen:/dev/fw_setenv dfu_upgrade_flag 2",
-          "popen:/dev/fw_setenv dfu_upgrade_flag 0", "popen:/dev/fw_setenv net_upgrade_flag 1",
-          "popen:/dev/fw_setenv net_upgrade_flag 2", "popen:", "popen:"}),
-      cam.platform().events());
+  EXPECT_EQ((std::vector<std::string>{"popen:/dev/fw_setenv dfu_upgrade_flag 1",
+                                      "popen:/dev/fw_setenv dfu_upgrade_flag 2", "popen:", "popen:"}),
+            cam.platform().events());
 }
 
 // The model is no file name: any text reaches fw_setenv as one word.

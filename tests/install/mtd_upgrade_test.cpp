@@ -78,18 +78,6 @@ TEST_F(MtdUpgradeTest, WholeImageWritesEveryPartitionThenSetsFlagsInOrder) {
   EXPECT_EQ("reboot", cam.platform().events().back());
 }
 
-TEST_F(MtdUpgradeTest, UnchangedImageCostsZeroErases) {
-  partitions(kLayout, kEb);
-  const Bytes img = pattern(kFlashSize, 3);
-  preset(flash, img);
-  image(img);
-  track_env();
-  install();
-  EXPECT_EQ(0, flash.erases());
-  EXPECT_EQ(0, flash.bytes_programmed());
-  EXPECT_EQ("2", flag("net_upgrade_flag"));
-}
-
 // Whatever operation the power fails at, the boot loader never sees flag 2
 // unless every partition the image covers holds the image; on NAND with a
 // bad block in the root file system (the image's last block then finds no

@@ -2,7 +2,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <stdexcept>
 
 FakeFlash::FakeFlash() { previous_ = set_mtd_devices(this); }
 FakeFlash::~FakeFlash() { set_mtd_devices(previous_); }
@@ -30,13 +29,6 @@ void FakeFlash::add_chain(const std::vector<uint32_t>& sizes, uint32_t erasesize
   for (size_t i = 0; i < sizes.size(); ++i) {
     add("/dev/mtd" + std::to_string(i), sizes[i], erasesize, type, type == kNand ? 2048 : 1);
   }
-}
-
-void FakeFlash::fill(int dev, const std::vector<uint8_t>& bytes, uint32_t at) {
-  std::lock_guard<std::mutex> lock(mu_);
-  Device& d = dev_.at(dev);
-  if (at + bytes.size() > d.bytes.size()) throw std::out_of_range("fill beyond device");
-  std::copy(bytes.begin(), bytes.end(), d.bytes.begin() + at);
 }
 
 void FakeFlash::set_bad_map(int dev, const std::string& map) {

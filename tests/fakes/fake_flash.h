@@ -37,7 +37,6 @@ class FakeFlash : public MtdDevices {
 
   // Contents (the test may read or preset them freely).
   std::vector<uint8_t>& data(int dev) { return dev_.at(dev).bytes; }
-  void fill(int dev, const std::vector<uint8_t>& bytes, uint32_t at = 0);
 
   // Bad blocks: 'B' bad, anything else good; "..B." marks block 2. On NAND a
   // bad block refuses erase and program; other types only report it.

@@ -60,7 +60,7 @@ TEST_F(MtdDebugTest, CommandWordsOpenCloseAndSizeQuery) {
 
 TEST_F(MtdDebugTest, EraseSkipsBadBlocksAndStopsAtFirstFailure) {
   flash.add("/dev/mtd0", 8 * kBlock, kBlock);
-  flash.fill(0, Bytes(8 * kBlock, 0x00));
+  flash.data(0).assign(8 * kBlock, 0x00);
   flash.set_bad_map(0, ".B......");
   // Length not a multiple of the erase size: the last block touched is erased whole.
   EXPECT_THAT(printed([] { EXPECT_EQ(0, orn_mtd("erase", "/dev/mtd0", "0", "0x2800", " ", "0")); }),
@@ -113,7 +113,7 @@ TEST_F(MtdDebugTest, ReadAndWriteCopyBetweenFlashAndFiles) {
 TEST_F(MtdDebugTest, EraseWriteRewritesOnlyDifferingBlocks) {
   flash.add("/dev/mtd0", 8 * kBlock, kBlock);
   Bytes img = pattern(8 * kBlock, 2);
-  flash.fill(0, img);
+  flash.data(0) = img;
   img[3 * kBlock + 17] ^= 0x40;
   img[6 * kBlock] ^= 0x01;
   cam.write("/dev/img", as_text(img));
@@ -178,7 +178,7 @@ TEST_F(MtdDebugTest, EraseWriteVerifiesWithFourAttempts) {
 // they would make the erased block 1 compare equal to the image.
 TEST_F(MtdDebugTest, ShortReadIsAFailedRead) {
   flash.add("/dev/mtd0", 2 * kBlock, kBlock);
-  flash.fill(0, Bytes(kBlock, 0x00));
+  std::fill_n(flash.data(0).begin(), kBlock, 0x00);
   cam.write("/dev/img", as_text(Bytes(2 * kBlock, 0x00)));
   flash.short_read(0, 1, 0);
   EXPECT_THAT(printed([&] { EXPECT_EQ(-1, erase_write(nullptr, 2 * kBlock)); }),

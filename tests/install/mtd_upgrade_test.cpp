@@ -38,7 +38,7 @@ class MtdUpgradeTest : public InstallTest {
   // Presets the partitions of `chip` with `img`, back to back.
   void preset(FakeFlash& chip, const Bytes& img) {
     for (size_t i = 0, at = 0; i < kLayout.size(); at += kLayout[i].first, ++i)
-      chip.fill(static_cast<int>(i), Bytes(img.begin() + at, img.begin() + at + kLayout[i].first));
+      std::copy_n(img.begin() + at, kLayout[i].first, chip.data(static_cast<int>(i)).begin());
   }
   std::string install() { return printed(mtd_upgrade_install); }
 };
@@ -236,7 +236,7 @@ TEST_F(InstallTest, SpecifiedPartitionWrittenOnlyWhenDifferent) {
               HasSubstr("/dev/uImage.bin the same as mtd1, return\n"));
   EXPECT_EQ(0, flash.operations());
 
-  flash.fill(1, Bytes(0x100000, 0x00));
+  flash.data(1).assign(0x100000, 0x00);
   const Bytes piece = pattern(0x60000, 9);  // shorter than the partition
   cam.write("/dev/uImage.bin", as_text(piece));
   cam.platform().on("cmp /dev/uImage.bin /dev/mtd1", "1\n");

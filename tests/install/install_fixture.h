@@ -54,7 +54,7 @@ class InstallTest : public ::testing::Test {
     daemon_state.mtd_num = static_cast<int>(parts.size());
     for (size_t i = 0; i < parts.size(); ++i) {
       mtd_entry& e = daemon_state.mtd[i];
-      snprintf(e.dev, sizeof(e.dev), "mtd%d:", static_cast<int>(i));
+      snprintf(e.dev, sizeof(e.dev), "mtd%hhu:", static_cast<unsigned char>(i));
       snprintf(e.size, sizeof(e.size), "%08x", parts[i].first);
       snprintf(e.erasesize, sizeof(e.erasesize), "%08x", erasesize);
       snprintf(e.name, sizeof(e.name), "\"%s\"", parts[i].second.c_str());

@@ -2,7 +2,14 @@
 
 #include <cerrno>
 #include <cstring>
-#include <stdexcept>
+
+namespace {
+// Fails a call the way the kernel does: -1 with errno set.
+int fail(int error) {
+  errno = error;
+  return -1;
+}
+}  // namespace
 
 FakeFlash::FakeFlash() { previous_ = set_mtd_devices(this); }
 FakeFlash::~FakeFlash() { set_mtd_devices(previous_); }
@@ -32,26 +39,10 @@ void FakeFlash::add_chain(const std::vector<uint32_t>& sizes, uint32_t erasesize
   }
 }
 
-std::vector<uint8_t>& FakeFlash::data(int dev) { return dev_.at(dev).bytes; }
-
-void FakeFlash::fill(int dev, const std::vector<uint8_t>& bytes, uint32_t at) {
-  std::lock_guard<std::mutex> lock(mu_);
-  Device& d = dev_.at(dev);
-  if (at + bytes.size() > d.bytes.size()) throw std::out_of_range("fill beyond device");
-  std::copy(bytes.begin(), bytes.end(), d.bytes.begin() + at);
-}
-
 void FakeFlash::set_bad_map(int dev, const std::string& map) {
   std::lock_guard<std::mutex> lock(mu_);
   Device& d = dev_.at(dev);
   for (size_t i = 0; i < d.bad.size(); ++i) d.bad[i] = i < map.size() && map[i] == 'B';
-}
-
-std::string FakeFlash::bad_map(int dev) const {
-  std::lock_guard<std::mutex> lock(mu_);
-  std::string out;
-  for (bool b : dev_.at(dev).bad) out += b ? 'B' : '.';
-  return out;
 }
 
 std::string FakeFlash::erase_map(int dev) const {
@@ -61,77 +52,9 @@ std::string FakeFlash::erase_map(int dev) const {
   return out;
 }
 
-void FakeFlash::fail_erase(int dev, uint32_t block) {
-  std::lock_guard<std::mutex> lock(mu_);
-  dev_.at(dev).erase_fail.insert(block);
-}
-void FakeFlash::fail_write(int dev, uint32_t block) {
-  std::lock_guard<std::mutex> lock(mu_);
-  dev_.at(dev).write_fail.insert(block);
-}
-void FakeFlash::fail_read(int dev, uint32_t block) {
-  std::lock_guard<std::mutex> lock(mu_);
-  dev_.at(dev).read_fail.insert(block);
-}
-void FakeFlash::short_read(int dev, uint32_t block, size_t keep) {
-  std::lock_guard<std::mutex> lock(mu_);
-  dev_.at(dev).read_short[block] = keep;
-}
-void FakeFlash::fail_verify(int dev, uint32_t block, int times) {
-  std::lock_guard<std::mutex> lock(mu_);
-  dev_.at(dev).weak[block] = times;
-}
-void FakeFlash::fail_open(const std::string& path) {
-  std::lock_guard<std::mutex> lock(mu_);
-  open_fail_.push_back(path);
-}
-void FakeFlash::fail_get_info(bool on) {
-  std::lock_guard<std::mutex> lock(mu_);
-  info_fail_ = on;
-}
-void FakeFlash::fail_bad_block_query(bool on) {
-  std::lock_guard<std::mutex> lock(mu_);
-  badq_fail_ = on;
-}
-void FakeFlash::fail_close(bool on) {
-  std::lock_guard<std::mutex> lock(mu_);
-  close_fail_ = on;
-}
-void FakeFlash::set_regions(int dev, const std::vector<region_info_user>& regions) {
-  std::lock_guard<std::mutex> lock(mu_);
-  dev_.at(dev).regions = regions;
-}
-void FakeFlash::power_cut_after(long k) {
-  std::lock_guard<std::mutex> lock(mu_);
-  cut_after_ = k;
-}
-bool FakeFlash::power_lost() const {
-  std::lock_guard<std::mutex> lock(mu_);
-  return lost_;
-}
-long FakeFlash::erases() const {
-  std::lock_guard<std::mutex> lock(mu_);
-  return erases_;
-}
-long FakeFlash::bytes_programmed() const {
-  std::lock_guard<std::mutex> lock(mu_);
-  return programmed_;
-}
-long FakeFlash::bytes_read() const {
-  std::lock_guard<std::mutex> lock(mu_);
-  return read_;
-}
-long FakeFlash::operations() const {
-  std::lock_guard<std::mutex> lock(mu_);
-  return ops_;
-}
-int FakeFlash::open_count() const {
-  std::lock_guard<std::mutex> lock(mu_);
-  return static_cast<int>(fds_.size());
-}
 void FakeFlash::reset_counters() {
   std::lock_guard<std::mutex> lock(mu_);
-  ops_ = erases_ = programmed_ = read_ = 0;
+  ops_ = erases_ = programmed_ = 0;
   for (Device& d : dev_) d.erased.assign(d.erased.size(), false);
 }
 
@@ -158,10 +81,7 @@ FakeFlash::Device* FakeFlash::dev_of(int fd, Handle** h) {
 int FakeFlash::open(const char* path, int) {
   std::lock_guard<std::mutex> lock(mu_);
   for (const std::string& p : open_fail_) {
-    if (p == path) {
-      errno = EACCES;
-      return -1;
-    }
+    if (p == path) return fail(EACCES);
   }
   for (size_t i = 0; i < dev_.size(); ++i) {
     if (dev_[i].path == path) {
@@ -170,20 +90,13 @@ int FakeFlash::open(const char* path, int) {
       return fd;
     }
   }
-  errno = ENOENT;
-  return -1;
+  return fail(ENOENT);
 }
 
 int FakeFlash::close(int fd) {
   std::lock_guard<std::mutex> lock(mu_);
-  if (fds_.erase(fd) == 0) {
-    errno = EBADF;
-    return -1;
-  }
-  if (close_fail_) {
-    errno = EIO;
-    return -1;
-  }
+  if (fds_.erase(fd) == 0) return fail(EBADF);
+  if (close_fail_) return fail(EIO);
   return 0;
 }
 
@@ -191,10 +104,7 @@ int FakeFlash::get_info(int fd, mtd_info_user* info) {
   std::lock_guard<std::mutex> lock(mu_);
   Device* d = dev_of(fd, nullptr);
   if (d == nullptr) return -1;
-  if (info_fail_ || lost_) {
-    errno = EIO;
-    return -1;
-  }
+  if (info_fail_ || lost_) return fail(EIO);
   *info = d->info;
   return 0;
 }
@@ -205,19 +115,11 @@ int FakeFlash::erase(int fd, const erase_info_user* ei) {
   if (d == nullptr) return -1;
   const uint32_t es = d->info.erasesize;
   if (ei->start % es != 0 || ei->length == 0 || ei->length % es != 0 ||
-      static_cast<uint64_t>(ei->start) + ei->length > d->info.size) {
-    errno = EINVAL;
-    return -1;
-  }
-  if (!powered_op()) {
-    errno = EIO;
-    return -1;
-  }
+      static_cast<uint64_t>(ei->start) + ei->length > d->info.size)
+    return fail(EINVAL);
+  if (!powered_op()) return fail(EIO);
   for (uint32_t b = ei->start / es; b < (ei->start + ei->length) / es; ++b) {
-    if ((d->bad[b] && d->info.type == kNand) || d->erase_fail.count(b) != 0) {
-      errno = EIO;
-      return -1;
-    }
+    if ((d->bad[b] && d->info.type == kNand) || d->erase_fail.count(b) != 0) return fail(EIO);
     std::memset(d->bytes.data() + static_cast<size_t>(b) * es, 0xFF, es);
     d->erased[b] = true;
     ++erases_;
@@ -229,10 +131,8 @@ int FakeFlash::get_bad_block(int fd, loff_t offset) {
   std::lock_guard<std::mutex> lock(mu_);
   Device* d = dev_of(fd, nullptr);
   if (d == nullptr) return -1;
-  if (badq_fail_ || lost_ || offset < 0 || static_cast<uint64_t>(offset) >= d->info.size) {
-    errno = badq_fail_ || lost_ ? EIO : EINVAL;
-    return -1;
-  }
+  if (badq_fail_ || lost_) return fail(EIO);
+  if (offset < 0 || static_cast<uint64_t>(offset) >= d->info.size) return fail(EINVAL);
   return d->bad[static_cast<size_t>(offset / d->info.erasesize)] ? 1 : 0;
 }
 
@@ -248,10 +148,7 @@ int FakeFlash::get_region_info(int fd, region_info_user* region) {
   std::lock_guard<std::mutex> lock(mu_);
   Device* d = dev_of(fd, nullptr);
   if (d == nullptr) return -1;
-  if (region->regionindex >= d->regions.size()) {
-    errno = EINVAL;
-    return -1;
-  }
+  if (region->regionindex >= d->regions.size()) return fail(EINVAL);
   *region = d->regions[region->regionindex];
   return 0;
 }
@@ -265,10 +162,7 @@ off_t FakeFlash::lseek(int fd, off_t offset, int whence) {
                  : whence == SEEK_CUR ? static_cast<int64_t>(h->pos)
                                       : static_cast<int64_t>(d->info.size);
   int64_t target = base + offset;
-  if (target < 0 || target > static_cast<int64_t>(d->info.size)) {
-    errno = EINVAL;
-    return -1;
-  }
+  if (target < 0 || target > static_cast<int64_t>(d->info.size)) return fail(EINVAL);
   h->pos = static_cast<uint64_t>(target);
   return static_cast<off_t>(target);
 }
@@ -278,23 +172,16 @@ ssize_t FakeFlash::read(int fd, void* buf, size_t count) {
   Handle* h = nullptr;
   Device* d = dev_of(fd, &h);
   if (d == nullptr) return -1;
-  if (lost_) {
-    errno = EIO;
-    return -1;
-  }
+  if (lost_) return fail(EIO);
   const uint32_t es = d->info.erasesize;
   size_t n = std::min<uint64_t>(count, d->info.size - h->pos);
   auto cut = d->read_short.find(static_cast<uint32_t>(h->pos / es));
   if (cut != d->read_short.end()) n = std::min(n, cut->second);
   for (uint64_t a = h->pos; a < h->pos + n; a += es - a % es) {
-    if (d->read_fail.count(static_cast<uint32_t>(a / es)) != 0) {
-      errno = EIO;
-      return -1;
-    }
+    if (d->read_fail.count(static_cast<uint32_t>(a / es)) != 0) return fail(EIO);
   }
   std::memcpy(buf, d->bytes.data() + h->pos, n);
   h->pos += n;
-  read_ += static_cast<long>(n);
   return static_cast<ssize_t>(n);
 }
 
@@ -304,26 +191,15 @@ ssize_t FakeFlash::write(int fd, const void* buf, size_t count) {
   Device* d = dev_of(fd, &h);
   if (d == nullptr) return -1;
   const uint32_t es = d->info.erasesize;
-  if (h->pos + count > d->info.size) {
-    errno = ENOSPC;
-    return -1;
-  }
-  if (d->info.writesize > 1 &&
-      (h->pos % d->info.writesize != 0 || count % d->info.writesize != 0)) {
-    errno = EINVAL;  // NAND programs whole pages only
-    return -1;
-  }
+  if (h->pos + count > d->info.size) return fail(ENOSPC);
+  // NAND programs whole pages only.
+  if (d->info.writesize > 1 && (h->pos % d->info.writesize != 0 || count % d->info.writesize != 0))
+    return fail(EINVAL);
   for (uint64_t a = h->pos; a < h->pos + count; a += es - a % es) {
     uint32_t b = static_cast<uint32_t>(a / es);
-    if ((d->bad[b] && d->info.type == kNand) || d->write_fail.count(b) != 0) {
-      errno = EIO;
-      return -1;
-    }
+    if ((d->bad[b] && d->info.type == kNand) || d->write_fail.count(b) != 0) return fail(EIO);
   }
-  if (!powered_op()) {
-    errno = EIO;
-    return -1;
-  }
+  if (!powered_op()) return fail(EIO);
   const uint8_t* src = static_cast<const uint8_t*>(buf);
   for (size_t i = 0; i < count; ++i) {
     uint64_t a = h->pos + i;

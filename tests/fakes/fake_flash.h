@@ -36,40 +36,43 @@ class FakeFlash : public MtdDevices {
   void add_chain(const std::vector<uint32_t>& sizes, uint32_t erasesize, uint8_t type = kNor);
 
   // Contents (the test may read or preset them freely).
-  std::vector<uint8_t>& data(int dev);
-  void fill(int dev, const std::vector<uint8_t>& bytes, uint32_t at = 0);
+  std::vector<uint8_t>& data(int dev) { return dev_.at(dev).bytes; }
 
   // Bad blocks: 'B' bad, anything else good; "..B." marks block 2. On NAND a
   // bad block refuses erase and program; other types only report it.
   void set_bad_map(int dev, const std::string& map);
-  std::string bad_map(int dev) const;
   // Erased blocks since the last reset_counters(): 'E' erased, '.' not.
   std::string erase_map(int dev) const;
 
   // Faults (block numbers within the device).
-  void fail_erase(int dev, uint32_t block);
-  void fail_write(int dev, uint32_t block);
-  void fail_read(int dev, uint32_t block);
+  void fail_erase(int dev, uint32_t block) { locked([&] { dev_.at(dev).erase_fail.insert(block); }); }
+  void fail_write(int dev, uint32_t block) { locked([&] { dev_.at(dev).write_fail.insert(block); }); }
+  void fail_read(int dev, uint32_t block) { locked([&] { dev_.at(dev).read_fail.insert(block); }); }
   // A read that starts in this block returns at most `keep` bytes, no error.
-  void short_read(int dev, uint32_t block, size_t keep);
+  void short_read(int dev, uint32_t block, size_t keep) {
+    locked([&] { dev_.at(dev).read_short[block] = keep; });
+  }
   // The next `times` programs of this block store a corrupted copy.
-  void fail_verify(int dev, uint32_t block, int times);
-  void fail_open(const std::string& path);
-  void fail_get_info(bool on);
-  void fail_bad_block_query(bool on);
-  void fail_close(bool on);
-  void set_regions(int dev, const std::vector<region_info_user>& regions);
+  void fail_verify(int dev, uint32_t block, int times) {
+    locked([&] { dev_.at(dev).weak[block] = times; });
+  }
+  void fail_open(const std::string& path) { locked([&] { open_fail_.push_back(path); }); }
+  void fail_get_info(bool on) { locked([&] { info_fail_ = on; }); }
+  void fail_bad_block_query(bool on) { locked([&] { badq_fail_ = on; }); }
+  void fail_close(bool on) { locked([&] { close_fail_ = on; }); }
+  void set_regions(int dev, const std::vector<region_info_user>& regions) {
+    locked([&] { dev_.at(dev).regions = regions; });
+  }
 
   // Power cut after the k-th erase/write: everything after it fails.
-  void power_cut_after(long k);
-  bool power_lost() const;
+  void power_cut_after(long k) { locked([&] { cut_after_ = k; }); }
+  bool power_lost() const { return locked([&] { return lost_; }); }
 
   // Counters.
-  long erases() const;
-  long bytes_programmed() const;
-  long bytes_read() const;
-  long operations() const;
-  int open_count() const;  // descriptors still open
+  long erases() const { return locked([&] { return erases_; }); }
+  long bytes_programmed() const { return locked([&] { return programmed_; }); }
+  long operations() const { return locked([&] { return ops_; }); }
+  int open_count() const { return locked([&] { return static_cast<int>(fds_.size()); }); }
   void reset_counters();
 
   // MtdDevices.
@@ -100,6 +103,11 @@ class FakeFlash : public MtdDevices {
     int dev;
     uint64_t pos;
   };
+  template <typename F>
+  auto locked(F f) const -> decltype(f()) {
+    std::lock_guard<std::mutex> lock(mu_);
+    return f();
+  }
   // Counts one mutating operation; false once the power is gone.
   bool powered_op();
   Device* dev_of(int fd, Handle** h);
@@ -112,6 +120,6 @@ class FakeFlash : public MtdDevices {
   bool info_fail_ = false, badq_fail_ = false, close_fail_ = false;
   long cut_after_ = -1;
   bool lost_ = false;
-  long ops_ = 0, erases_ = 0, programmed_ = 0, read_ = 0;
+  long ops_ = 0, erases_ = 0, programmed_ = 0;
   MtdDevices* previous_ = nullptr;
 };

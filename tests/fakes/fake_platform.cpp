@@ -10,7 +10,6 @@
 #include <filesystem>
 #include <fstream>
 #include <sstream>
-#include <thread>
 
 #include "core/dbgout.h"
 
@@ -45,62 +44,43 @@ const FakePlatform::Rule* FakePlatform::find(const std::string& cmd) const {
 
 void FakePlatform::record(std::string ev) { events_.push_back(std::move(ev)); }
 
-int FakePlatform::shell(const std::string& cmd) {
+// Records the command and runs the hook; the matching rule, if any.
+std::optional<FakePlatform::Rule> FakePlatform::run(const char* kind, const std::string& cmd) {
   std::function<void(const std::string&)> hook;
-  int status = 0;
+  std::optional<Rule> rule;
   {
     std::lock_guard<std::mutex> lock(mu_);
-    record("sh:" + cmd);
+    record(kind + cmd);
     commands_.push_back(cmd);
-    if (const Rule* r = find(cmd)) status = r->status;
+    if (const Rule* r = find(cmd)) rule = *r;
     hook = hook_;
   }
   if (hook) hook(cmd);
-  return status;
+  return rule;
+}
+
+int FakePlatform::shell(const std::string& cmd) {
+  auto r = run("sh:", cmd);
+  return r ? r->status : 0;
 }
 
 int FakePlatform::shell_status(const std::string& cmd) {
-  std::function<void(const std::string&)> hook;
-  int status = 0;
-  {
-    std::lock_guard<std::mutex> lock(mu_);
-    record("popen:" + cmd);
-    commands_.push_back(cmd);
-    if (const Rule* r = find(cmd)) status = r->popen_fails ? -1 : r->status;
-    hook = hook_;
-  }
-  if (hook) hook(cmd);
-  return status;
+  auto r = run("popen:", cmd);
+  return r ? (r->popen_fails ? -1 : r->status) : 0;
 }
 
 int FakePlatform::shell_read(const std::string& cmd, char* buf, size_t max) {
-  std::function<void(const std::string&)> hook;
-  std::string out;
-  bool fails = false;
-  {
-    std::lock_guard<std::mutex> lock(mu_);
-    record("read:" + cmd);
-    commands_.push_back(cmd);
-    if (const Rule* r = find(cmd)) {
-      out = r->output;
-      fails = r->popen_fails;
-    }
-    hook = hook_;
-  }
-  if (hook) hook(cmd);
-  if (fails) return -1;
-  size_t n = std::min(out.size(), max);
-  memcpy(buf, out.data(), n);
+  auto r = run("read:", cmd);
+  if (r && r->popen_fails) return -1;
+  size_t n = r ? std::min(r->output.size(), max) : 0;
+  if (n > 0) memcpy(buf, r->output.data(), n);
   return static_cast<int>(n);
 }
 
 void FakePlatform::sleep_us(uint64_t usec) {
-  {
-    std::lock_guard<std::mutex> lock(mu_);
-    record("sleep:" + std::to_string(usec));
-    slept_ += usec;
-  }
-  if (real_sleep) std::this_thread::sleep_for(std::chrono::microseconds(usec));
+  std::lock_guard<std::mutex> lock(mu_);
+  record("sleep:" + std::to_string(usec));
+  slept_ += usec;
 }
 
 int FakePlatform::gettimeofday(struct timeval* tv) {
@@ -109,10 +89,7 @@ int FakePlatform::gettimeofday(struct timeval* tv) {
   return 0;
 }
 
-void FakePlatform::sync() {
-  std::lock_guard<std::mutex> lock(mu_);
-  record("sync");
-}
+void FakePlatform::sync() { locked([&] { record("sync"); }); }
 
 int FakePlatform::watchdog_open(const char*) {
   std::lock_guard<std::mutex> lock(mu_);
@@ -130,7 +107,7 @@ int FakePlatform::watchdog_ioctl(int, unsigned long request, int* arg) {
   snprintf(ev, sizeof(ev), "wdt_ioctl:%lx:%d", request, arg ? *arg : 0);
   record(ev);
   if (request == WDIOC_SETTIMEOUT && arg) last_timeout_ = *arg;
-  if (request == WDIOC_GETTIMEOUT && arg) *arg = watchdog_timeout ? watchdog_timeout : last_timeout_;
+  if (request == WDIOC_GETTIMEOUT && arg) *arg = last_timeout_;
   return 0;
 }
 
@@ -164,47 +141,18 @@ int FakePlatform::exec(const char* path, char* const argv[]) {
 }
 
 void FakePlatform::exit_child(int status) {
-  {
-    std::lock_guard<std::mutex> lock(mu_);
-    record("child_exit:" + std::to_string(status));
-  }
+  locked([&] { record("child_exit:" + std::to_string(status)); });
   throw ProcessExited(status);
 }
 
 void FakePlatform::end_thread() {
-  {
-    std::lock_guard<std::mutex> lock(mu_);
-    record("end_thread");
-  }
+  locked([&] { record("end_thread"); });
   throw ThreadEnded();
 }
 
 void FakePlatform::exit_process(int status) {
-  {
-    std::lock_guard<std::mutex> lock(mu_);
-    record("exit:" + std::to_string(status));
-  }
+  locked([&] { record("exit:" + std::to_string(status)); });
   throw ProcessExited(status);
-}
-
-std::vector<std::string> FakePlatform::events() const {
-  std::lock_guard<std::mutex> lock(mu_);
-  return events_;
-}
-
-std::vector<std::string> FakePlatform::commands() const {
-  std::lock_guard<std::mutex> lock(mu_);
-  return commands_;
-}
-
-uint64_t FakePlatform::slept_us() const {
-  std::lock_guard<std::mutex> lock(mu_);
-  return slept_;
-}
-
-int FakePlatform::reboots() const {
-  std::lock_guard<std::mutex> lock(mu_);
-  return reboots_;
 }
 
 bool FakePlatform::ran(const std::string& exact_cmd) const {

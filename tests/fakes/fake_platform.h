@@ -4,6 +4,7 @@
 
 #include <functional>
 #include <mutex>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -56,26 +57,29 @@ class FakePlatform : public Platform {
   // "sleep:<usec>", "sync", "wdt_open", "wdt_ioctl:<req hex>:<arg>",
   // "reboot", "fork", "waitpid", "exec:<path> <args>" (exec fails),
   // "child_exit:<n>" (throws ProcessExited), "end_thread", "exit:<n>".
-  std::vector<std::string> events() const;
+  std::vector<std::string> events() const { return locked([&] { return events_; }); }
   // Only the command lines (any of shell/shell_status/shell_read), in order.
-  std::vector<std::string> commands() const;
+  std::vector<std::string> commands() const { return locked([&] { return commands_; }); }
   // Sum of all sleeps.
-  uint64_t slept_us() const;
-  int reboots() const;
+  uint64_t slept_us() const { return locked([&] { return slept_; }); }
+  int reboots() const { return locked([&] { return reboots_; }); }
   bool ran(const std::string& exact_cmd) const;
   void clear();
 
   // Settings.
   struct timeval now {1700000000, 0};
   bool watchdog_present = false;  // open fails unless set
-  int watchdog_timeout = 0;       // what WDIOC_GETTIMEOUT reports (0: last set)
   pid_t fork_result = 0;          // 0: act as the child; >0: parent; -1: fail
-  // When set, sleep_us() also really sleeps this fraction (0 = never).
-  bool real_sleep = false;
 
  private:
+  template <typename F>
+  auto locked(F f) const -> decltype(f()) {
+    std::lock_guard<std::mutex> lock(mu_);
+    return f();
+  }
   const Rule* find(const std::string& cmd) const;
   void record(std::string ev);
+  std::optional<Rule> run(const char* kind, const std::string& cmd);
   mutable std::mutex mu_;
   std::vector<Rule> rules_;
   std::vector<std::string> events_;

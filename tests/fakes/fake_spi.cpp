@@ -6,6 +6,14 @@
 #include <cerrno>
 #include <cstring>
 
+namespace {
+// Fails a call the way the kernel does: -1 with errno set.
+int fail(int error) {
+  errno = error;
+  return -1;
+}
+}  // namespace
+
 uint16_t FakeGv7600::reg(uint16_t address) const {
   auto it = regs_.find(address);
   return it == regs_.end() ? 0 : it->second;
@@ -40,10 +48,7 @@ FakeSpiBus::~FakeSpiBus() { set_spidev(previous_); }
 int FakeSpiBus::open(const char* path, int flags) {
   std::lock_guard<std::mutex> lock(mu_);
   events_.push_back(std::string("open:") + path + ":" + ((flags & O_ACCMODE) == O_RDONLY ? "r" : "rw"));
-  if (!present) {
-    errno = ENOENT;
-    return -1;
-  }
+  if (!present) return fail(ENOENT);
   int fd = next_fd_++;
   open_[fd] = true;
   return fd;
@@ -51,27 +56,16 @@ int FakeSpiBus::open(const char* path, int flags) {
 
 int FakeSpiBus::ioctl(int fd, unsigned long request, void* arg) {
   std::lock_guard<std::mutex> lock(mu_);
-  if (!open_.count(fd)) {
-    errno = EBADF;
-    return -1;
-  }
-  if (request == fail_request) {
-    errno = EINVAL;
-    return -1;
-  }
-  if (request == SPI_IOC_WR_MODE) {
-    mode_ = *static_cast<uint8_t*>(arg);
-    events_.push_back("mode:" + std::to_string(mode_));
-    return 0;
-  }
-  if (request == SPI_IOC_WR_BITS_PER_WORD) {
-    bits_ = *static_cast<uint8_t*>(arg);
-    events_.push_back("bits:" + std::to_string(bits_));
+  if (!open_.count(fd)) return fail(EBADF);
+  if (request == fail_request) return fail(EINVAL);
+  if (request == SPI_IOC_WR_MODE || request == SPI_IOC_WR_BITS_PER_WORD) {
+    const bool mode = request == SPI_IOC_WR_MODE;
+    (mode ? mode_ : bits_) = *static_cast<uint8_t*>(arg);
+    events_.push_back((mode ? "mode:" : "bits:") + std::to_string(mode ? mode_ : bits_));
     return 0;
   }
   if (request == SPI_IOC_WR_MAX_SPEED_HZ) {
-    speed_ = *static_cast<uint32_t*>(arg);
-    events_.push_back("speed:" + std::to_string(speed_));
+    events_.push_back("speed:" + std::to_string(*static_cast<uint32_t*>(arg)));
     return 0;
   }
   if (request == SPI_IOC_MESSAGE(1)) {
@@ -90,8 +84,7 @@ int FakeSpiBus::ioctl(int fd, unsigned long request, void* arg) {
     transfers_.push_back(std::move(t));
     return static_cast<int>(xfer->len);
   }
-  errno = ENOTTY;
-  return -1;
+  return fail(ENOTTY);
 }
 
 int FakeSpiBus::close(int fd) {
@@ -109,9 +102,4 @@ std::vector<FakeSpiBus::Transfer> FakeSpiBus::transfers() const {
 std::vector<std::string> FakeSpiBus::events() const {
   std::lock_guard<std::mutex> lock(mu_);
   return events_;
-}
-
-int FakeSpiBus::open_descriptors() const {
-  std::lock_guard<std::mutex> lock(mu_);
-  return static_cast<int>(open_.size());
 }

@@ -64,8 +64,7 @@ class FakeSpiBus : public SpiDevice {
   unsigned long fail_request = 0;  // this ioctl request fails with -1
 
   std::vector<Transfer> transfers() const;
-  std::vector<std::string> events() const;  // "open:<path>:<flags>", "mode:3", "xfer:4", "close"
-  int open_descriptors() const;
+  std::vector<std::string> events() const;  // "open:<path>:<r|rw>", "mode:3", "xfer:4", "close"
 
  private:
   std::shared_ptr<SpiChip> chip_;
@@ -75,7 +74,6 @@ class FakeSpiBus : public SpiDevice {
   int next_fd_ = 100;
   uint8_t mode_ = 0;
   uint8_t bits_ = 0;
-  uint32_t speed_ = 0;
   std::vector<Transfer> transfers_;
   std::vector<std::string> events_;
 };

@@ -40,7 +40,9 @@ TEST_F(ImageLayoutTest, SplitCommandLines) {
   EXPECT_EQ(4u, cam.platform().commands().size());
 }
 
-TEST_F(ImageLayoutTest, CompareBootLoaderUsesScratchCopies) {
+// The boot loader is compared through scratch copies cut to its piece
+// size; anything but a clean "0" answer counts as different.
+TEST_F(ImageLayoutTest, Compare) {
   partitions({{0x80000, "boot"}, {0x300000, "kernel"}}, 0x10000);
   cam.platform().on("cmp /dev/u-boot.bin", "0\n");
   EXPECT_EQ(0, mtd_cmp("/dev/u-boot.bin", 0));
@@ -49,38 +51,30 @@ TEST_F(ImageLayoutTest, CompareBootLoaderUsesScratchCopies) {
                                 "popen:dd if=/dev/mtd0.bin of=/dev/mtd0_ext.bin bs=393216 count=1",
                                 "read:cmp /dev/u-boot.bin /dev/mtd0_ext.bin;echo $?"}),
       cam.platform().events());
-}
 
-TEST_F(ImageLayoutTest, CompareAnswersDifferentWhenUnsure) {
-  cam.platform().on("cmp /dev/uImage.bin", "1\n");
-  EXPECT_EQ(1, mtd_cmp("/dev/uImage.bin", 1));
+  for (const char* answer : {"1\n", "/dev/uImage.bin /dev/mtd1 differ: byte 1\n1\n", ""}) {
+    cam.platform().on("cmp /dev/uImage.bin", answer);
+    EXPECT_EQ(1, mtd_cmp("/dev/uImage.bin", 1)) << answer;
+  }
   EXPECT_TRUE(ran("cmp /dev/uImage.bin /dev/mtd1>/dev/null;echo $?"));
-  cam.platform().on("cmp /dev/uImage.bin", "/dev/uImage.bin /dev/mtd1 differ: byte 1\n1\n");
-  EXPECT_EQ(1, mtd_cmp("/dev/uImage.bin", 1));
-  cam.platform().on("cmp /dev/uImage.bin", "");
-  EXPECT_EQ(1, mtd_cmp("/dev/uImage.bin", 1));
   cam.platform().popen_fails("cmp /dev/x");
   EXPECT_EQ(1, mtd_cmp("/dev/x", 1));
   cam.platform().clear();
-  EXPECT_EQ(1, mtd_cmp("/dev/x", 2));
+  EXPECT_EQ(1, mtd_cmp("/dev/x", 2));  // no such partition: nothing run
   EXPECT_TRUE(cam.platform().commands().empty());
 }
 
+// The writers return the shell status; values without a command line run
+// the empty line (the others are seen through the installers' tests).
 TEST_F(ImageLayoutTest, FlagWriters) {
   cam.platform().on("dfu_upgrade_flag 1", "", 256);
   EXPECT_EQ(256, set_dfu_upgrade_flag(1));
   set_dfu_upgrade_flag(2);
-  set_dfu_upgrade_flag(0);
-  set_net_upgrade_flag(1);
-  set_net_upgrade_flag(2);
   set_net_upgrade_flag(0);
   set_dfu_upgrade_flag(7);
-  EXPECT_EQ(
-      (std::vector<std::string>{
-          "popen:/dev/fw_setenv dfu_upgrade_flag 1", "popen:/dev/fw_setenv dfu_upgrade_flag 2",
-          "popen:/dev/fw_setenv dfu_upgrade_flag 0", "popen:/dev/fw_setenv net_upgrade_flag 1",
-          "popen:/dev/fw_setenv net_upgrade_flag 2", "popen:", "popen:"}),
-      cam.platform().events());
+  EXPECT_EQ((std::vector<std::string>{"popen:/dev/fw_setenv dfu_upgrade_flag 1",
+                                      "popen:/dev/fw_setenv dfu_upgrade_flag 2", "popen:", "popen:"}),
+            cam.platform().events());
 }
 
 // The model is no file name: any text reaches fw_setenv as one word.

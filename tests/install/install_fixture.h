@@ -32,47 +32,39 @@ inline Bytes pattern(size_t n, unsigned seed) {
 
 inline std::string as_text(const Bytes& b) { return std::string(b.begin(), b.end()); }
 
-inline void copy_field(char* out, size_t len, const std::string& text) {
-  size_t n = text.size() < len - 1 ? text.size() : len - 1;
-  text.copy(out, n);
-  out[n] = '\0';
-}
-
-inline std::string hex8(uint32_t v) {
-  char buf[16];
-  snprintf(buf, sizeof(buf), "%08x", static_cast<unsigned>(v));
-  return buf;
-}
-
-// The value fw_setenv receives from a quoted word (no quote inside).
-inline std::string shell_word(const std::string& text) {
-  bool quoted = text.size() >= 2 && text.front() == '\'' && text.back() == '\'';
-  return quoted ? text.substr(1, text.size() - 2) : text;
+// What `run` prints on standard output, then on standard error.
+template <typename F>
+std::string printed(F&& run) {
+  testing::internal::CaptureStdout();
+  testing::internal::CaptureStderr();
+  run();
+  std::string out = testing::internal::GetCapturedStdout();
+  return out + testing::internal::GetCapturedStderr();
 }
 
 class InstallTest : public ::testing::Test {
  protected:
   void SetUp() override { reset_daemon_state(); }
 
-  // Partitions (size, quoted name) into daemon_state and a fake flash
-  // (the fixture's unless another chip is given).
+  // Partitions (size, name) into daemon_state and a fake flash (the
+  // fixture's unless another chip is given).
   void partitions(const std::vector<std::pair<uint32_t, std::string>>& parts, uint32_t erasesize,
                   uint8_t type = kNor, FakeFlash* chip = nullptr) {
     std::vector<uint32_t> sizes;
     daemon_state.mtd_num = static_cast<int>(parts.size());
     for (size_t i = 0; i < parts.size(); ++i) {
       mtd_entry& e = daemon_state.mtd[i];
-      copy_field(e.dev, sizeof(e.dev), "mtd" + std::to_string(i) + ":");
-      copy_field(e.size, sizeof(e.size), hex8(parts[i].first));
-      copy_field(e.erasesize, sizeof(e.erasesize), hex8(erasesize));
-      copy_field(e.name, sizeof(e.name), "\"" + parts[i].second + "\"");
+      snprintf(e.dev, sizeof(e.dev), "mtd%hhu:", static_cast<unsigned char>(i));
+      snprintf(e.size, sizeof(e.size), "%08x", parts[i].first);
+      snprintf(e.erasesize, sizeof(e.erasesize), "%08x", erasesize);
+      snprintf(e.name, sizeof(e.name), "\"%s\"", parts[i].second.c_str());
       sizes.push_back(parts[i].first);
     }
     (chip != nullptr ? *chip : flash).add_chain(sizes, erasesize, type);
   }
 
-  // Boot-environment flags as fw_setenv would leave them; commands issued
-  // after a power cut never ran.
+  // Boot-environment flags as fw_setenv would leave them (quotes around the
+  // value removed); commands issued after a power cut never ran.
   void track_env(FakePlatform* platform = nullptr, FakeFlash* chip = nullptr) {
     {
       std::lock_guard<std::mutex> lock(env_mu);
@@ -82,12 +74,13 @@ class InstallTest : public ::testing::Test {
     (platform != nullptr ? *platform : cam.platform()).on_command([this, &f](const std::string& cmd) {
       if (f.power_lost()) return;
       for (const std::string p : {"/dev/fw_setenv ", "/bin/fw_setenv "}) {
-        if (cmd.rfind(p, 0) != 0) continue;
-        std::string rest = cmd.substr(p.size());
-        size_t sp = rest.find(' ');
-        if (sp == std::string::npos) continue;
+        size_t sp = cmd.find(' ', p.size());
+        if (cmd.rfind(p, 0) != 0 || sp == std::string::npos) continue;
+        std::string value = cmd.substr(sp + 1);
+        if (value.size() >= 2 && value.front() == '\'' && value.back() == '\'')
+          value = value.substr(1, value.size() - 2);
         std::lock_guard<std::mutex> lock(env_mu);
-        env[rest.substr(0, sp)] = shell_word(rest.substr(sp + 1));
+        env[cmd.substr(p.size(), sp - p.size())] = value;
       }
     });
   }

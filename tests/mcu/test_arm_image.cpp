@@ -90,35 +90,32 @@ TEST_F(CheckArmTest, FlashesTheImageWritesTheRecordAndReboots) {
   EXPECT_EQ(count("rm -rf"), 0u);
 }
 
-TEST_F(CheckArmTest, MotorTypeChoosesBetweenTwoImages) {
-  listing(kType1, kType2);
-  p().on("cat /data/motor_type", "motor_type=2\n");
-  check_arm(2);
-  EXPECT_TRUE(p().ran("rm -rf /customer/X_ARM_V1.2.3_TYPE1.bin"));
-  EXPECT_TRUE(p().ran("echo motor_type=2 > /data/motor_type"));
-  EXPECT_EQ(count("image_default.conf"), 0u);  // only with 1
-  EXPECT_EQ(cam.read("/customer/arm_version_file"), "ARM: [1.2.4_2]");
-
-  // Unknown motor type: type 1.
-  std::filesystem::remove(cam.path("/customer/arm_version_file"));
-  p().on("cat /data/motor_type", "motor_type=3\n");
-  check_arm(1);
-  EXPECT_TRUE(p().ran("rm -rf /customer/X_ARM_V1.2.4_TYPE2.bin"));
-  EXPECT_TRUE(p().ran(kFlashType1));
-}
-
-TEST_F(CheckArmTest, OnlyTypeTwoOrOnlyADefaultImage) {
-  listing("", kType2);
-  check_arm(1);
-  EXPECT_TRUE(p().ran("echo motor_type=2 > /data/motor_type"));
-  EXPECT_EQ(count("rm -rf"), 0u);
-
-  std::filesystem::remove(cam.path("/customer/arm_version_file"));
-  p().clear();
-  listing("", "", "M_ARM_V3.bin");
-  check_arm(1);
-  EXPECT_TRUE(p().ran("/customer/arm_upgrade /dev/ttyS1 /customer/M_ARM_V3.bin >&1"));
-  EXPECT_EQ(count("echo motor_type"), 0u);
+// Which image is flashed, which is removed and what motor type is stored,
+// by the images listed and the stored motor type.
+TEST_F(CheckArmTest, MotorTypeChoosesTheImage) {
+  struct Row {
+    const char *type1, *type2, *any, *motor, *flashed, *removed, *stored, *record;
+  } rows[] = {
+      {kType1, kType2, "", "motor_type=2", kType2, kType1, "motor_type=2", "ARM: [1.2.4_2]"},
+      {kType1, kType2, "", "motor_type=3", kType1, kType2, "motor_type=1", "ARM: [1.2.3_1]"},
+      {"", kType2, "", "", kType2, nullptr, "motor_type=2", "ARM: [1.2.4_2]"},
+      {"", "", "M_ARM_V3.bin", "", "M_ARM_V3.bin", nullptr, nullptr, "ARM: [3]"},
+  };
+  for (const Row& r : rows) {
+    SCOPED_TRACE(r.flashed + std::string(" with ") + r.motor);
+    std::filesystem::remove(cam.path("/customer/arm_version_file"));
+    p().clear();
+    listing(r.type1, r.type2, r.any);
+    p().on("cat /data/motor_type", r.motor);
+    check_arm(2);
+    EXPECT_TRUE(p().ran(std::string("/customer/arm_upgrade /dev/ttyS1 /customer/") + r.flashed + " >&1"));
+    EXPECT_EQ(count("rm -rf"), r.removed ? 1u : 0u);
+    EXPECT_TRUE(!r.removed || p().ran(std::string("rm -rf /customer/") + r.removed));
+    EXPECT_EQ(count("echo motor_type"), r.stored ? 1u : 0u);
+    EXPECT_TRUE(!r.stored || p().ran(std::string("echo ") + r.stored + " > /data/motor_type"));
+    EXPECT_EQ(count("image_default.conf"), 0u);  // only with 1
+    EXPECT_EQ(cam.read("/customer/arm_version_file"), r.record);
+  }
 }
 
 TEST_F(CheckArmTest, NoImageOrAnUnsafeNameFlashesNothing) {
@@ -169,18 +166,17 @@ TEST_F(CheckArmTest, ParentWaitsAndRebootsForkOrRecordFailureEndsTheThread) {
   EXPECT_EQ(p().reboots(), 1);
 }
 
-TEST_F(CheckArmTest, UpdateRecordsTheVersionWithoutTruncating) {
-  cam.write("/customer/arm_version_file", "ARM: [10.20.30_1]");
-  p().on("/bin/ls /dev/ | grep _ARM_ | grep .bin", "Y_ARM_V1.2_TYPE1.bin\nZ_ARM_V9.bin\n");
-  EXPECT_EQ(update_arm_version(1), 0);
-  EXPECT_STREQ(arm_upgrade_file_name, "Y_ARM_V1.2_TYPE1.bin");
-  EXPECT_EQ(cam.read("/customer/arm_version_file"), "ARM: [1.2_1]30_1]");  // old tail stays
-}
-
-TEST_F(CheckArmTest, UpdateModesAndOddListings) {
+TEST_F(CheckArmTest, UpdateRecordsTheVersion) {
   p().popen_fails("/bin/ls /dev/");
   EXPECT_EQ(update_arm_version(1), 0);
   EXPECT_EQ(cam.read("/customer/arm_version_file"), "ARM: []");
+
+  // No truncation: a shorter record leaves the old tail.
+  cam.write("/customer/arm_version_file", "ARM: [10.20.30_1]");
+  p().on("/bin/ls /dev/", "Y_ARM_V1.2_TYPE1.bin\nZ_ARM_V9.bin\n");
+  EXPECT_EQ(update_arm_version(1), 0);
+  EXPECT_STREQ(arm_upgrade_file_name, "Y_ARM_V1.2_TYPE1.bin");
+  EXPECT_EQ(cam.read("/customer/arm_version_file"), "ARM: [1.2_1]30_1]");
   std::filesystem::remove(cam.path("/customer/arm_version_file"));
 
   p().on("/bin/ls /dev/", "Y_ARM_V7.bin\n");

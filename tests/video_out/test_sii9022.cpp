@@ -54,16 +54,16 @@ struct Sii9022 : ::testing::Test {
   ~Sii9022() override { set_i2c_port(prev); }
 };
 
-TEST_F(Sii9022, AnsweringChipPassesOthersFail) {
+TEST_F(Sii9022, AnsweringChipPassesOthersFailOtherBoardsSkip) {
   EXPECT_EQ(check_9022_status(1), 0);
   EXPECT_EQ(chip.log, (std::vector<std::string>{"open /dev/i2c-2", "close"}));
   chip.device_id = 0x00;
   EXPECT_EQ(check_9022_status(5), -1);
   chip.chip_present = false;
   EXPECT_LT(check_9022_status(8), 0);
-}
 
-TEST_F(Sii9022, DoesNotApplyWithoutBusOrOnOtherBoards) {
+  // Other boards, or no bus at all: the check does not apply.
+  chip.log.clear();
   EXPECT_GT(check_9022_status(4), 0);
   EXPECT_TRUE(chip.log.empty());
   chip.bus_present = false;

@@ -10,7 +10,8 @@ from pathlib import Path
 
 import pytest
 
-from rigfixtures import camera_factory, lan, pytest_runtest_makereport, rig, run_session  # noqa: F401
+from rigfixtures import (  # noqa: F401  (fixtures and the hook, for pytest)
+    camera_factory, lan, pytest_runtest_makereport, rig, run_session)
 
 # SANDBOX_TSAN=1 (the "race" test of the ThreadSanitizer build): every
 # daemon writes its race reports to files under /.rig/console, and a test

@@ -30,31 +30,23 @@ def send_and_collect(lan, data, group=rig.SEARCH_GROUP, timeout=1.0, match=None,
     return lan.request(data, *group, timeout=timeout, match=match, count=count)
 
 
-def test_search_reply_and_identity(start_camera, lan):
+def test_search_reply_identity_and_board_test_pins(start_camera, lan):
     cam = start_camera()
     r = search_reply(lan, cam)
     dev = cam.device_id
     assert re.fullmatch(r"[0-9a-f]{32}", dev), "uuid_file holds 32 hex characters, no newline"
     text = re.sub(r"Uptime=\d+", "Uptime=N", r.text)
-    assert text == ("REPLY OK \r\nVERSION:V2.5.1\r\nDEVICE_MODEL:K1.T" + ids(dev) + "\r\nUptime=N\r\nDHCP=0\r\nLUM_Serial_No=" +
-        f"\r\nIP={cam.ip}\r\nMASK=255.255.255.0\r\nGATEWAY={lan.ip}\r\nMAC={cam.mac}"
-        "\r\nFDNS=8.8.8.8")
+    assert text == (
+        "REPLY OK \r\nVERSION:V2.5.1\r\nDEVICE_MODEL:K1.T" + ids(dev) +
+        f"\r\nUptime=N\r\nDHCP=0\r\nLUM_Serial_No=\r\nIP={cam.ip}\r\nMASK=255.255.255.0"
+        f"\r\nGATEWAY={lan.ip}\r\nMAC={cam.mac}\r\nFDNS=8.8.8.8")
     # The serial record is created with its defaults on first use.
     rec = cam.read("/data/fix_camera_serial.dat")
     assert rec is not None and len(rec) == 72 and rec[:8] == b"FSER\x01\x00\x00\x00"
-    # Same identity after a restart.
-    cam.restart()
-    r2 = search_reply(lan, cam)
-    assert r2.fields()["Device ID"] == dev
 
-
-# The type-8 board test sets the SDI pins through the camera's own himm (the
-# fields and the other types are the unit tests' part).
-def test_board_test_sets_the_sdi_pins_around_the_probe(start_camera, lan):
-    cam = start_camera()
-    search_reply(lan, cam)
-    got = send_and_collect(lan, addressed("BOARD_TES", cam.device_id,
-                                          b"\r\nTYPE=R300I\r\nSDI_Test=true"),
+    # The type-8 board test sets the SDI pins through the camera's own himm
+    # (the fields and the other types are the unit tests' part).
+    got = send_and_collect(lan, addressed("BOARD_TES", dev, b"\r\nTYPE=R300I\r\nSDI_Test=true"),
                            timeout=15.0, match=b"BOARD_TEST", count=1)
     assert len(got) == 1 and re.search(r"\r\nSDI=[01]\r\nSTATUS=Test finish$", got[0].text)
     calls = cam.calls("himm")

@@ -61,9 +61,11 @@ def test_busybox_reboot_signals_init_and_restart_keeps_flash_data(start_camera, 
     assert cam.read("/data/uuid_file") == uuid_before
     assert cam.exists("/.rig/console/stdout.boot1")
     assert cam.wait_line("init socket succeed")
-    # The uptime counts from this boot: less than a second of the clock is
-    # carried over, and the daemon's sysinfo rounds up to whole seconds.
+    # The daemon keeps its identity; the uptime counts from this boot: less
+    # than a second of the clock is carried over, and the daemon's sysinfo
+    # rounds up to whole seconds.
     [reply] = lan.search(count=1, from_ip=cam.ip)
+    assert reply.fields()["Device ID"] == uuid_before.decode()
     assert int(reply.fields()["Uptime"]) <= time.monotonic() - restarted + 2
 
 

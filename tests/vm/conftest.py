@@ -18,7 +18,8 @@ TOP = Path(__file__).resolve().parents[2]
 sys.path[:0] = [str(TOP / "sim" / "vm"), str(TOP / "tests" / "system")]
 
 import vmcam  # noqa: E402
-from rigfixtures import camera_factory, lan, pytest_runtest_makereport, run_session  # noqa: E402,F401
+from rigfixtures import (  # noqa: E402,F401  (fixtures and the hook, for pytest)
+    camera_factory, lan, pytest_runtest_makereport, run_session)
 
 
 @pytest.fixture(scope="session")

@@ -129,31 +129,28 @@ def test_application_package_with_controller(start_camera, lan, files, rc, codes
 # -- modes 4 and 5: the file-backed flash
 
 
-def test_whole_flash_image_written_as_the_watcher_writes_it(start_camera, lan):
-    # Bad blocks on the way are the watcher's tests' part (the same writer).
-    covered = 3  # boot, kernel, rootfs
-    image = os.urandom(OFFSETS[covered])
-    cam = flash_camera(start_camera, lan, files={"/config_path/video.conf": "fps=25\n"})
-    upgrade(lan, cam, image, "full.img", 4, ["0", "5", "7"])
+@pytest.mark.parametrize("mode, name, first, end", [(4, "full.img", 0, 3),
+                                                    (5 + 3, "homefs.bin", 3, 4)])
+def test_flash_image_written_where_it_belongs(start_camera, lan, mode, name, first, end):
+    # Bad blocks on the way are the writer's unit tests' and the virtual
+    # camera's part.
+    cam = flash_camera(start_camera, lan, del_list=["/data/old.cfg"],
+                       files={"/config_path/video.conf": "fps=25\n", "/data/old.cfg": "x"})
+    image = os.urandom(OFFSETS[end] - OFFSETS[first])
+    upgrade(lan, cam, image, name, mode, ["0", "5", "7"])
     cam.wait_reboot(timeout=30)
-    for i in range(covered):
-        assert cam.read(f"/dev/mtd{i}") == image[OFFSETS[i]:OFFSETS[i + 1]], f"mtd{i}"
-    assert cam.read("/dev/mtd3") == b"\xff" * SMALL_MTD[3][0], "beyond the image"
-    env = cam.fw_printenv()
-    assert (env.get("net_upgrade_flag"), env.get("dfu_upgrade_flag")) == ("2", "0")
-    assert cam.read("/data/upgrade_copy_conf/video.conf") == b"fps=25\n"
-    assert "ALL_MTD upgrade succeed" in cam.stdout()
-
-
-def test_one_partition_homefs_after_the_delete_list(start_camera, lan):
-    cam = flash_camera(start_camera, lan, del_list=["/data/old.cfg"], files={"/data/old.cfg": "x"})
-    part = os.urandom(SMALL_MTD[3][0])
-    upgrade(lan, cam, part, "homefs.bin", 5 + 3, ["0", "5", "7"])
-    cam.wait_reboot(timeout=30)
-    assert cam.read("/dev/mtd3") == part
-    assert all(cam.read(f"/dev/mtd{i}") == b"\xff" * SMALL_MTD[i][0] for i in range(3))
-    assert not cam.exists("/data/old.cfg")
-    assert 'current upgrade: mtd3:"homefs"' in cam.stdout()
+    for i, (size, _e, _n) in enumerate(SMALL_MTD):
+        at = OFFSETS[i] - OFFSETS[first]
+        want = image[at:at + size] if first <= i < end else b"\xff" * size
+        assert cam.read(f"/dev/mtd{i}") == want, f"mtd{i}"
+    if mode == 4:
+        env = cam.fw_printenv()
+        assert (env.get("net_upgrade_flag"), env.get("dfu_upgrade_flag")) == ("2", "0")
+        assert cam.read("/data/upgrade_copy_conf/video.conf") == b"fps=25\n"
+        assert "ALL_MTD upgrade succeed" in cam.stdout()
+    else:  # one partition, after the delete list
+        assert not cam.exists("/data/old.cfg")
+        assert 'current upgrade: mtd3:"homefs"' in cam.stdout()
 
 
 # -- acknowledgements and the transfer on one debugging camera

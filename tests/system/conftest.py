@@ -1,4 +1,4 @@
-"""Fixtures of the camera sandbox (see README.md).
+"""Fixtures of the camera sandbox (see sim/ns/README.md).
 
     def test_search(start_camera, lan):
         cam = start_camera()
@@ -6,16 +6,12 @@
 """
 
 import os
-import signal
-import sys
 from pathlib import Path
 
 import pytest
 
-sys.path.insert(0, str(Path(__file__).resolve().parents[2] / "sim" / "ns"))
-
-import camera as rig  # noqa: E402
-
+from rigfixtures import (  # noqa: F401  (fixtures and the hook, for pytest)
+    camera_factory, lan, pytest_runtest_makereport, rig, run_session)
 
 # SANDBOX_TSAN=1 (the "race" test of the ThreadSanitizer build): every
 # daemon writes its race reports to files under /.rig/console, and a test
@@ -27,29 +23,8 @@ TSAN_ENV = {"TSAN_OPTIONS": "log_path=/.rig/console/tsan exitcode=66 second_dead
 def race_reports(cam):
     """Texts of the ThreadSanitizer reports the camera's daemon wrote."""
     con = cam.path("/.rig/console")
-    return [f"{cam.name} {p.name}:\n{p.read_text(errors='replace')}"
+    return [f"ThreadSanitizer, {cam.name} {p.name}:\n{p.read_text(errors='replace')}"
             for p in sorted(con.glob("tsan*"))] if con.is_dir() else []
-
-
-def _find_daemon():
-    env = os.environ.get("UPGRADE_BIN")
-    if env:
-        return Path(env)
-    top = Path(__file__).resolve().parents[2]
-    found = [p for p in (top / "build").glob("*/upgrade") if p.is_file()]
-    return max(found, key=lambda p: p.stat().st_mtime) if found else None
-
-
-@pytest.hookimpl(tryfirst=True, hookwrapper=True)
-def pytest_runtest_makereport(item, call):
-    outcome = yield
-    rep = outcome.get_result()
-    setattr(item, "rep_" + rep.when, rep)
-
-
-def _failed(request):
-    return any(getattr(getattr(request.node, f"rep_{w}", None), "failed", False)
-               for w in ("setup", "call"))
 
 
 @pytest.fixture(scope="session")
@@ -57,39 +32,18 @@ def upgrade_bin():
     """Path of the daemon under test: $UPGRADE_BIN, else the newest build/*/upgrade."""
     if os.geteuid() != 0:
         pytest.skip("the camera sandbox needs root")
-    path = _find_daemon()
-    if path is None or not path.is_file():
+    env = os.environ.get("UPGRADE_BIN")
+    found = [Path(env)] if env else sorted(
+        (rig.HERE.parents[1] / "build").glob("*/upgrade"), key=lambda p: p.stat().st_mtime)
+    if not found or not found[-1].is_file():
         pytest.fail("no daemon binary: set UPGRADE_BIN or build the 'upgrade' target")
-    return path
+    return found[-1]
 
 
 @pytest.fixture(scope="session")
 def rig_session(upgrade_bin):
-    """The run's working directory, helper binaries and camera root template.
-    At the end it fails the run if a namespace, mount or process is left."""
-    rig.sweep_stale()
-
-    def interrupted(signum, _frame):
-        raise KeyboardInterrupt(f"signal {signum}")
-
-    # A run stopped with SIGTERM still tears its cameras down; one killed
-    # outright is cleaned up by the next run's sweep.
-    signal.signal(signal.SIGTERM, interrupted)
-    s = rig.Session(upgrade_bin)
-    yield s
-    left = s.leftovers()
-    for path in s.kept:
-        print(f"\n[rig] camera root kept for inspection: {path}")
-    s.close()
-    assert not any(left.values()), f"the camera sandbox left behind: {left}"
-
-
-@pytest.fixture
-def lan(rig_session):
-    """A LAN (network namespace with bridge br0 at 192.168.77.1)."""
-    net = rig.Lan(rig_session).start()
-    yield net
-    net.stop()
+    """The run's working directory, helper binaries and camera root template."""
+    yield from run_session(upgrade_bin, "camera sandbox")
 
 
 @pytest.fixture
@@ -97,27 +51,12 @@ def start_camera(rig_session, lan, request):
     """Factory: start_camera(**Camera keywords, ready=..., timeout=...) boots a
     camera on `lan` and returns it. Every camera is torn down after the test;
     the roots of a failed test are kept and their paths printed."""
-    made = []
-
-    def start(ready="init socket succeed", timeout=10.0, boot=True, **kw):
+    def make(**kw):
         if TSAN_RUN:
             kw["env"] = {**TSAN_ENV, **(kw.get("env") or {})}
-        cam = rig.Camera(rig_session, lan, **kw)
-        made.append(cam)
-        if boot:
-            cam.start(ready=ready, timeout=timeout)
-        return cam
+        return rig.Camera(rig_session, lan, **kw)
 
-    yield start
-    for cam in made:
-        cam.stop()
-    reports = [r for cam in made for r in race_reports(cam)]
-    keep = _failed(request) or bool(reports)
-    for cam in made:
-        cam.teardown(keep=keep)
-        if keep:
-            print(f"\n[rig] {cam.name}: {cam.end_reason()}; root kept at {cam.root}")
-    assert not reports, "ThreadSanitizer reports:\n" + "\n".join(reports)
+    yield from camera_factory(request, make, "init socket succeed", 10.0, race_reports)
 
 
 @pytest.fixture

@@ -1,8 +1,6 @@
 """camtool against namespace cameras: what a technician does from the LAN.
 
-camtool runs inside the LAN namespace (never on the host's network). The
-upgrade tests need the camera's multicast upgrade handler; they are skipped
-while the daemon under test has none.
+camtool runs inside the LAN namespace (never on the host's network).
 """
 
 import json
@@ -18,24 +16,16 @@ import pytest
 
 import camera as rig
 
-TOP = Path(__file__).resolve().parents[2]
 NOBODY = "0123456789abcdef0123456789abcdef"
 
 
 @pytest.fixture(scope="session")
 def camtool_bin(upgrade_bin):
-    """$CAMTOOL_BIN, else the camtool built beside the daemon under test,
-    else the newest build/*/camtool/camtool."""
-    env = os.environ.get("CAMTOOL_BIN")
-    if env:
-        return Path(env)
-    beside = Path(upgrade_bin).parent / "camtool" / "camtool"
-    if beside.is_file():
-        return beside
-    found = [p for p in (TOP / "build").glob("*/camtool/camtool") if p.is_file()]
-    if not found:
-        pytest.fail("no camtool binary: set CAMTOOL_BIN or build the 'camtool' target")
-    return max(found, key=lambda p: p.stat().st_mtime)
+    """$CAMTOOL_BIN, else the camtool built beside the daemon under test."""
+    path = Path(os.environ.get("CAMTOOL_BIN") or Path(upgrade_bin).parent / "camtool" / "camtool")
+    if not path.is_file():
+        pytest.fail(f"no camtool at {path}: set CAMTOOL_BIN or build the 'camtool' target")
+    return path
 
 
 @pytest.fixture
@@ -57,11 +47,6 @@ def camtool(camtool_bin, lan):
 
 def json_lines(text):
     return [json.loads(line) for line in text.splitlines() if line.strip()]
-
-
-def has_upgrade_handler(upgrade_bin):
-    # The handler logs this line when a transfer ends; the empty stub has no such text.
-    return b"file trans over" in Path(upgrade_bin).read_bytes()
 
 
 def test_search_five_cameras_as_table_json_and_watch(start_camera, lan, camtool):
@@ -117,6 +102,10 @@ def test_single_camera_commands(start_camera, lan, camtool):
     assert b["checks"] == {"USB": False, "SDI": False} and b["finished"] is True
     assert b["version"] == "V2.5.1" and b["mac"] == cam.mac
     assert p.returncode == 1 and "main application" in p.stderr
+    # The camera's killall reached its programs: the main one interrupted,
+    # autofocus killed.
+    assert ("main_app", 2) in cam.signals()
+    assert rig.wait_until(lambda: "autofocus" not in [p.comm for p in cam.processes()], 3)
 
     # Nobody with that ID: said plainly, exit status 1.
     p = camtool("production", NOBODY, "--timeout", 1)
@@ -126,41 +115,34 @@ def test_single_camera_commands(start_camera, lan, camtool):
 
 def test_commands_that_reboot(start_camera, lan, camtool):
     net, lum, boot = start_camera(), start_camera(), start_camera()
-    results = {}
-
-    def run(name, *args):
-        results[name] = camtool(*args)
-
-    jobs = [("net", "confignet", net.device_id, "--ip", "192.168.77.99", "--dns", "1.0.0.1"),
-            ("lum", "lumconfig", lum.ip, "--serial", "SN-2026-0042", "--json"),
-            ("boot", "reboot", boot.device_id)]
-    threads = [threading.Thread(target=run, args=job) for job in jobs]
-    for t in threads:
-        t.start()
-    for t in threads:
-        t.join()
+    # All three at once: each camera takes 5-7 s to reboot after its command.
+    procs = {"net": camtool.start("confignet", net.device_id, "--ip", "192.168.77.99",
+                                  "--dns", "1.0.0.1"),
+             "lum": camtool.start("lumconfig", lum.ip, "--serial", "SN-2026-0042", "--json"),
+             "boot": camtool.start("reboot", boot.device_id)}
+    results = {k: (p.communicate(timeout=120), p.returncode) for k, p in procs.items()}
     for cam in (net, lum, boot):
         cam.wait_reboot(timeout=20)
 
-    p = results["net"]
-    assert p.returncode == 0 and "accepted; the camera reboots" in p.stdout, p.stderr
+    (out, err), rc = results["net"]
+    assert rc == 0 and "accepted; the camera reboots" in out, err
     assert net.read_text("/data/net.conf") == (
         f"dhcp=0\nipaddr=192.168.77.99\nnetmask=255.255.255.0\ngateway={lan.ip}\n"
         f"fdns=1.0.0.1\nmacaddr={net.mac}\n")
     assert net.read_text("/etc/resolv.conf") == "nameserver 1.0.0.1\n"
 
-    p = results["lum"]
-    assert json_lines(p.stdout) == [{"device_id": lum.device_id, "ip": lum.ip, "accepted": True,
-                                     "settings": {"serial": "SN-2026-0042", "mac": lum.mac}}]
+    (out, err), rc = results["lum"]
+    assert json_lines(out) == [{"device_id": lum.device_id, "ip": lum.ip, "accepted": True,
+                                     "settings": {"serial": "SN-2026-0042", "mac": lum.mac}}], err
     rec = lum.read("/data/fix_camera_serial.dat")
     assert rec[8:].rstrip(b"\0") == b"SN-2026-0042"
 
-    p = results["boot"]
-    assert p.returncode == 0 and "rebooting (silent since" in p.stdout, p.stderr
+    (out, err), rc = results["boot"]
+    assert rc == 0 and "rebooting (silent since" in out, err
     assert boot.control_datagrams() == [b"\x88\x0b\x01\xaa\xff"]
 
 
-def test_bad_input_refused_before_anything_is_sent(lan, camtool, tmp_path):
+def test_bad_input_refused_before_anything_is_sent_and_silence_reported(lan, camtool, tmp_path):
     hostile = tmp_path / "fw;reboot.zip"
     hostile.write_bytes(b"PK")
     good = tmp_path / "fw.zip"
@@ -173,7 +155,6 @@ def test_bad_input_refused_before_anything_is_sent(lan, camtool, tmp_path):
         (["upgrade", tmp_path / "missing.zip", "--mode", 1, "--all"], "cannot open"),
         (["upgrade", good, "--mode", 12, "--all"], "is not an upgrade mode"),
         (["upgrade", good, "--mode", 1], "--to ID[,ID...] or give --all"),
-        (["--iface", "eth9", "search"], "no interface named eth9; interfaces: lo (127.0.0.1), br0"),
         (["partner", "track", NOBODY, 16], "goes from 0 to 15, not 16"),
         (["broadcast", "production", NOBODY, "dance"], "no production action 'dance'"),
     ]
@@ -182,6 +163,13 @@ def test_bad_input_refused_before_anything_is_sent(lan, camtool, tmp_path):
             p = camtool(*args)
             assert p.returncode == 2 and message in p.stderr, (args, p.stderr)
         assert batch.collect(timeout=0.3) == [] and search.collect(timeout=0.3) == []
+
+    # A camera that never answers the search is reported, and fails the run.
+    p = camtool("upgrade", good, "--mode", 1, "--to", NOBODY, "--answer-wait", 2, "--json")
+    assert p.returncode == 1
+    [j] = json_lines(p.stdout)
+    assert j["device_id"] == NOBODY and j["outcome"] == "no answer to the announcement"
+    assert "did not answer the search" in p.stderr and NOBODY in p.stderr
 
 
 def test_status_lists_and_confirms_a_report(start_camera, lan, camtool):
@@ -255,7 +243,6 @@ def test_partner_protocol_search_query_tracking_and_settings(start_camera, lan, 
 def test_broadcast_discovery_netconfig_and_production_mode(start_camera, lan, camtool):
     on = {"/customer/upgrade.conf": "broadcast=1\n"}
     a, b = start_camera(files=on), start_camera(files=on)
-    start_camera()  # the service switched off: not found
     for cam in (a, b):
         cam.wait_line("init broadcast finish")
     p = camtool("broadcast", "discover")
@@ -271,25 +258,12 @@ def test_broadcast_discovery_netconfig_and_production_mode(start_camera, lan, ca
         f"macaddr={a.mac}\n")
     assert a.running
 
-    # Ignored until production mode is switched on, then taken.
-    for args in (("update-model", "X1"), ("test-enable", "on"), ("update-model", "PTZ-20")):
+    # Production mode switched on, then a new model taken (the switch's
+    # course is followed in the broadcast tests).
+    for args in (("test-enable", "on"), ("update-model", "PTZ-20")):
         p = camtool("broadcast", "production", b.ip, *args)
         assert p.returncode == 0 and "answered a discovery sent after it" in p.stdout, p.stderr
     b.wait_line("new model: PTZ-20")
-    assert sum("production_mode_enable == 0" in line for line in b.lines()) == 1
-    assert not any("new model: X1" in line for line in b.lines())
-
-
-def test_upgrade_reports_a_camera_that_never_answers(start_camera, lan, camtool, tmp_path):
-    cam = start_camera()
-    fw = tmp_path / "fw.zip"
-    fw.write_bytes(b"PK" * 100)
-    p = camtool("upgrade", fw, "--mode", 1, "--to", NOBODY, "--answer-wait", 2, "--json")
-    assert p.returncode == 1
-    [j] = json_lines(p.stdout)
-    assert j["device_id"] == NOBODY and j["outcome"] == "no answer to the announcement"
-    assert "did not answer the search" in p.stderr and NOBODY in p.stderr
-    assert cam.running
 
 
 LYING_MD5SUM = """#!/bin/sh
@@ -303,12 +277,10 @@ exec /bin/busybox md5sum "$@"
 """
 
 
-def test_upgrade_three_cameras_one_stream_md5_failure_retried(start_camera, lan, camtool,
-                                                              upgrade_bin, tmp_path):
-    if not has_upgrade_handler(upgrade_bin):
-        pytest.skip("the daemon under test has no multicast upgrade handler yet")
+def test_upgrade_three_cameras_one_stream_md5_retried_a_fourth_left_out(start_camera, lan,
+                                                                         camtool, tmp_path):
     no_flag = {"/customer/upgrade_finish_flag": None}
-    a, c = start_camera(files=no_flag), start_camera(files=no_flag)
+    a, c, other = (start_camera(files=no_flag) for _ in range(3))
     b = start_camera(boot=False, files=no_flag)
     b.write("/usr/bin/md5sum", None)  # the busybox link
     b.write("/usr/bin/md5sum", LYING_MD5SUM, mode=0o755)
@@ -336,3 +308,6 @@ def test_upgrade_three_cameras_one_stream_md5_failure_retried(start_camera, lan,
         assert cam.read("/customer/payload.bin") == payload
         cam.wait_file("/customer/upgrade_finish_flag", timeout=10)
     assert "streaming" in p.stderr and "Mbit/s" in p.stderr
+    # A camera not named heard the stream and kept out of it.
+    assert other.running and "device id is not the same" in other.stderr()
+    assert not other.exists("/dev/app_V2.6.0.zip") and not other.exists("/customer/payload.bin")

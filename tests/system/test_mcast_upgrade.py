@@ -3,9 +3,7 @@ file, streams it to one or many cameras and reads their acknowledgements;
 the real daemon stores it in /dev, checks it with busybox md5sum and installs
 it with busybox unzip, the programmer stand-in, or the file-backed flash."""
 
-import io
 import os
-import zipfile
 
 import pytest
 
@@ -21,14 +19,6 @@ SMALL_MTD = [(0x20000, 0x10000, "boot"), (0x40000, 0x10000, "kernel"),
 OFFSETS = [sum(s for s, _e, _n in SMALL_MTD[:i]) for i in range(len(SMALL_MTD) + 1)]
 
 
-def zip_of(files):
-    buf = io.BytesIO()
-    with zipfile.ZipFile(buf, "w", zipfile.ZIP_DEFLATED) as z:
-        for name, data in files.items():
-            z.writestr(name, data)
-    return buf.getvalue()
-
-
 def ready_camera(start_camera, lan, **kw):
     kw.setdefault("pid_list", [])
     cam = start_camera(**kw)
@@ -36,11 +26,9 @@ def ready_camera(start_camera, lan, **kw):
     return cam
 
 
-def flash_camera(start_camera, lan, rootfs=("nor", ""), **kw):
-    """A camera with SMALL_MTD as files (see UPGRADE_FLASH_SIM); `rootfs`:
-    mtd2's kind and options (bad blocks)."""
-    desc = "".join(f"mtd{i} {rootfs[0] if i == 2 else 'nor'} {size:#x} {erase:#x} "
-                   f"{rootfs[1] if i == 2 else ''}\n"
+def flash_camera(start_camera, lan, **kw):
+    """A camera with SMALL_MTD as NOR flash files (see UPGRADE_FLASH_SIM)."""
+    desc = "".join(f"mtd{i} nor {size:#x} {erase:#x}\n"
                    for i, (size, erase, _n) in enumerate(SMALL_MTD))
     files = {DESC: desc, **kw.pop("files", {})}
     return ready_camera(start_camera, lan, mtd=SMALL_MTD, flash=True, files=files,
@@ -62,7 +50,7 @@ def upgrade(lan, cam, data, name, mode, codes, **kw):
 
 def test_package_unpacked_over_root_then_reported_once_back(start_camera, lan):
     cam = ready_camera(start_camera, lan, pid_list=None, files={FINISH: ""})
-    pkg = zip_of({"customer/app.conf": b"level=2\n", "usr/share/app/notes.txt": b"v2.6"})
+    pkg = rig.zip_package({"customer/app.conf": b"level=2\n", "usr/share/app/notes.txt": b"v2.6"})
     upgrade(lan, cam, pkg, "app_V2.6.zip", 1, ["0", "5", "7"])
     # The camera's programs were stopped before '0': the main one
     # interrupted, the others killed.
@@ -120,7 +108,7 @@ ARM = "dev/PTZ_ARM_V3.1.0_TYPE1.bin"
 ], ids=["all-pieces", "controller-only-fails", "no-controller-image"])
 def test_application_package_with_controller(start_camera, lan, files, rc, codes, lines):
     cam = flash_camera(start_camera, lan, stand_ins={"arm_upgrade": dict(rc=rc, delay=1)})
-    pkg = zip_of({"customer/app.conf": b"app=3\n", **files})
+    pkg = rig.zip_package({"customer/app.conf": b"app=3\n", **files})
     upgrade(lan, cam, pkg, "app_arm.zip", 3, codes)
     if codes[-1] == "7":
         # '7' waits for the programmer's end (the child, which carries on,
@@ -141,43 +129,28 @@ def test_application_package_with_controller(start_camera, lan, files, rc, codes
 # -- modes 4 and 5: the file-backed flash
 
 
-@pytest.mark.parametrize("bad", [False, True], ids=["good-flash", "nand-bad-block"])
-def test_whole_flash_image_written_as_the_watcher_writes_it(start_camera, lan, bad):
-    covered = 3  # boot, kernel, rootfs
-    image = os.urandom(OFFSETS[covered])
-    cam = flash_camera(start_camera, lan, rootfs=("nand", "badblocks=1" if bad else ""),
-                       files={"/config_path/video.conf": "fps=25\n"})
-    upgrade(lan, cam, image, "full.img", 4, ["0", "5", "7"])
+@pytest.mark.parametrize("mode, name, first, end", [(4, "full.img", 0, 3),
+                                                    (5 + 3, "homefs.bin", 3, 4)])
+def test_flash_image_written_where_it_belongs(start_camera, lan, mode, name, first, end):
+    # Bad blocks on the way are the writer's unit tests' and the virtual
+    # camera's part.
+    cam = flash_camera(start_camera, lan, del_list=["/data/old.cfg"],
+                       files={"/config_path/video.conf": "fps=25\n", "/data/old.cfg": "x"})
+    image = os.urandom(OFFSETS[end] - OFFSETS[first])
+    upgrade(lan, cam, image, name, mode, ["0", "5", "7"])
     cam.wait_reboot(timeout=30)
-    for i in range(covered - 1):
-        assert cam.read(f"/dev/mtd{i}") == image[OFFSETS[i]:OFFSETS[i + 1]], f"mtd{i}"
-    rootfs, src = cam.read("/dev/mtd2"), image[OFFSETS[2]:OFFSETS[3]]
-    block = 0x10000
-    if bad:
-        # The bad block is skipped and the image goes on in the next one;
-        # its last block finds no room, so the run stays incomplete.
-        assert rootfs[:block] == src[:block]
-        assert rootfs[block:2 * block] == b"\xff" * block
-        assert rootfs[2 * block:] == src[block:-block]
-    else:
-        assert rootfs == src
-    assert cam.read("/dev/mtd3") == b"\xff" * SMALL_MTD[3][0], "beyond the image"
-    env = cam.fw_printenv()
-    assert env.get("net_upgrade_flag") == ("1" if bad else "2")
-    assert env.get("dfu_upgrade_flag") == "0"
-    assert cam.read("/data/upgrade_copy_conf/video.conf") == b"fps=25\n"
-    assert "ALL_MTD upgrade succeed" in cam.stdout()
-
-
-def test_one_partition_homefs_after_the_delete_list(start_camera, lan):
-    cam = flash_camera(start_camera, lan, del_list=["/data/old.cfg"], files={"/data/old.cfg": "x"})
-    part = os.urandom(SMALL_MTD[3][0])
-    upgrade(lan, cam, part, "homefs.bin", 5 + 3, ["0", "5", "7"])
-    cam.wait_reboot(timeout=30)
-    assert cam.read("/dev/mtd3") == part
-    assert all(cam.read(f"/dev/mtd{i}") == b"\xff" * SMALL_MTD[i][0] for i in range(3))
-    assert not cam.exists("/data/old.cfg")
-    assert 'current upgrade: mtd3:"homefs"' in cam.stdout()
+    for i, (size, _e, _n) in enumerate(SMALL_MTD):
+        at = OFFSETS[i] - OFFSETS[first]
+        want = image[at:at + size] if first <= i < end else b"\xff" * size
+        assert cam.read(f"/dev/mtd{i}") == want, f"mtd{i}"
+    if mode == 4:
+        env = cam.fw_printenv()
+        assert (env.get("net_upgrade_flag"), env.get("dfu_upgrade_flag")) == ("2", "0")
+        assert cam.read("/data/upgrade_copy_conf/video.conf") == b"fps=25\n"
+        assert "ALL_MTD upgrade succeed" in cam.stdout()
+    else:  # one partition, after the delete list
+        assert not cam.exists("/data/old.cfg")
+        assert 'current upgrade: mtd3:"homefs"' in cam.stdout()
 
 
 # -- acknowledgements and the transfer on one debugging camera
@@ -199,19 +172,11 @@ def test_every_refusal_and_a_guarded_transfer(start_camera, lan):
     with Transfer(lan, [cam], data, name="fw.img") as t:
         t.announce()
         assert t.ack(cam) == "0"
-        # While it runs: another tool's announcement is refused with its own
-        # client ID, searches are still answered, other sessions' packets
-        # are not stored.
-        other = Transfer(lan, [cam], b"x", client="c" * 32)
-        other.announce()
-        [busy] = other.replies(cam, 1)
-        other.rx.close()
-        assert busy.fields()["Ack"] == "9" and busy.fields()["Client ID"] == "c" * 32
+        # While it runs, searches are still answered (another tool's
+        # announcement and other sessions' packets: the unit tests).
         assert lan.search(count=1, from_ip=cam.ip)
-        foreign = {i: rig.packet("t", "e" * 32, b"garbage") for i in (1, 5, 9)}
-        t.stream(extra=foreign)
-        [_ready, done] = t.replies(cam, 2)
-        assert done.fields()["Ack"] == "5" and done.fields()["Client ID"] == t.session
+        t.stream()
+        assert t.ack(cam) == "5"
     assert cam.read("/dev/fw.img") == data
 
     with Transfer(lan, [cam], data, name="fw.img") as t:
@@ -228,33 +193,9 @@ def test_every_refusal_and_a_guarded_transfer(start_camera, lan):
 def test_wrong_md5_or_refused_name_reboots_without_installing(start_camera, lan, name, md5,
                                                               codes):
     cam = ready_camera(start_camera, lan)
-    upgrade(lan, cam, zip_of({"customer/app.conf": b"never\n"}), name, 1, codes, md5=md5)
+    upgrade(lan, cam, rig.zip_package({"customer/app.conf": b"never\n"}), name, 1, codes, md5=md5)
     cam.wait_reboot(timeout=30)
     assert not cam.exists("/customer/app.conf")
-
-
-# -- many cameras, one stream
-
-
-def test_three_cameras_upgraded_by_one_stream_a_fourth_ignores_it(start_camera, lan):
-    cams = [start_camera(pid_list=[]) for _ in range(4)]
-    named, other = cams[:3], cams[3]
-    rig.wait_ready(lan, cams)
-    pkg = zip_of({"customer/site.conf": b"site=7\n"})
-    with Transfer(lan, named, pkg, name="site.zip", mode=1) as t:
-        t.announce()
-        for cam in named:
-            assert t.ack(cam) == "0"
-        t.stream()
-        for cam in named:
-            assert t.acks(cam, 3) == ["0", "5", "7"]
-        assert t.heard_from(other) == []
-    for cam in named:
-        cam.wait_reboot(timeout=30)
-        assert cam.read("/customer/site.conf") == b"site=7\n"
-    assert other.running
-    assert "device id is not the same" in other.stderr()
-    assert not other.exists("/dev/site.zip") and not other.exists("/customer/site.conf")
 
 
 # -- names from the network

@@ -12,10 +12,10 @@ import pytest
 import camera as rig
 from camera import Transfer
 from transfer import CLIENT, announcement, query
-from test_mcast_upgrade import OFFSETS, SMALL_MTD, flash_camera, zip_of
+from test_mcast_upgrade import OFFSETS, SMALL_MTD, flash_camera
 from test_partner import PORT as PARTNER_PORT, PARAM_PORT, REQUEST_GROUP, header, net_set, text32
 
-PKG = zip_of({"customer/app.conf": b"level=2\n"})
+PKG = rig.zip_package({"customer/app.conf": b"level=2\n"})
 UBOOT = b"U-BOOT.." * (SMALL_MTD[0][0] // 8)
 IMAGE = os.urandom(OFFSETS[3])  # boot, kernel, rootfs
 ROOTFS = os.urandom(SMALL_MTD[2][0])
@@ -30,7 +30,7 @@ STAGES = [
     ("install-controller", None, 2, "PTZ_ARM_V2.0.4_TYPE1.bin", b"\x01" * 3000,
      "start upgrade arm", ["0", "5", "7"]),
     ("install-app-controller", None, 3, "app_arm.zip",
-     zip_of({"dev/u-boot.bin": UBOOT, "dev/PTZ_ARM_V3.1.0_TYPE1.bin": b"\x02" * 999}),
+     rig.zip_package({"dev/u-boot.bin": UBOOT, "dev/PTZ_ARM_V3.1.0_TYPE1.bin": b"\x02" * 999}),
      "start upgrade u-boot", ["0", "5", "7"]),
     ("install-whole-flash", None, 4, "full.img", IMAGE, "mtd1 write_addr", ["0", "5", "7"]),
     ("install-partition", None, 5 + 2, "rootfs.bin", ROOTFS, 'write "rootfs"...',

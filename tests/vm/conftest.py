@@ -9,29 +9,21 @@ the STM32 simulator is the newest host build of stm32_serve.
 """
 
 import os
-import signal
 import sys
 from pathlib import Path
 
 import pytest
 
 TOP = Path(__file__).resolve().parents[2]
-sys.path.insert(0, str(TOP / "sim" / "vm"))
-sys.path.insert(0, str(TOP / "sim" / "ns"))
+sys.path[:0] = [str(TOP / "sim" / "vm"), str(TOP / "tests" / "system")]
 
-import camera as rig  # noqa: E402
 import vmcam  # noqa: E402
-
-
-@pytest.hookimpl(tryfirst=True, hookwrapper=True)
-def pytest_runtest_makereport(item, call):
-    outcome = yield
-    rep = outcome.get_result()
-    setattr(item, "rep_" + rep.when, rep)
+from rigfixtures import (  # noqa: E402,F401  (fixtures and the hook, for pytest)
+    camera_factory, lan, pytest_runtest_makereport, run_session)
 
 
 @pytest.fixture(scope="session")
-def vm_session():
+def rig_session():
     if os.geteuid() != 0:
         pytest.skip("the virtual camera needs root (taps, namespaces)")
     daemon = Path(os.environ.get("UPGRADE_ARMHF_BIN", TOP / "build" / "armhf" / "upgrade"))
@@ -40,43 +32,12 @@ def vm_session():
     if vmcam.find_program("stm32_serve") is None:
         pytest.fail("no stm32_serve: build a host preset")
     vmcam.build_image()
-    rig.sweep_stale()
-
-    def interrupted(signum, _frame):
-        raise KeyboardInterrupt(f"signal {signum}")
-
-    signal.signal(signal.SIGTERM, interrupted)
-    s = rig.Session(daemon)
-    yield s
-    left = s.leftovers()
-    for path in s.kept:
-        print(f"\n[vm] camera kept for inspection: {path}")
-    s.close()
-    assert not any(left.values()), f"the virtual camera lab left behind: {left}"
+    yield from run_session(daemon, "virtual camera lab")
 
 
 @pytest.fixture
-def lan(vm_session):
-    net = rig.Lan(vm_session).start()
-    yield net
-    net.stop()
-
-
-@pytest.fixture
-def start_vm(vm_session, lan, request):
+def start_vm(rig_session, lan, request):
     """Factory: start_vm(ready=..., timeout=..., boot=True, **VirtualCamera
     keywords) boots a virtual camera on `lan`. A failed test keeps its files."""
-    made = []
-
-    def start(ready=vmcam.READY, timeout=180.0, boot=True, **kw):
-        cam = vmcam.VirtualCamera(vm_session, lan, **kw)
-        made.append(cam)
-        if boot:
-            cam.start(ready=ready, timeout=timeout)
-        return cam
-
-    yield start
-    failed = any(getattr(getattr(request.node, f"rep_{w}", None), "failed", False)
-                 for w in ("setup", "call"))
-    for cam in made:
-        cam.teardown(keep=failed)
+    yield from camera_factory(request, lambda **kw: vmcam.VirtualCamera(rig_session, lan, **kw),
+                              vmcam.READY, 180.0)

@@ -4,6 +4,7 @@
 // of its erase blocks changed, and one that differs everywhere.
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -53,8 +54,8 @@ struct Rig {
     flash.reset_counters();
     uint32_t at = 0;
     for (size_t i = 0; i < kParts.size(); ++i) {
-      flash.fill(static_cast<int>(i), std::vector<uint8_t>(old_content.begin() + at,
-                                                           old_content.begin() + at + kParts[i]));
+      std::copy(old_content.begin() + at, old_content.begin() + at + kParts[i],
+                flash.data(static_cast<int>(i)).begin());
       at += kParts[i];
     }
   }

@@ -54,7 +54,7 @@ std::string FakeFlash::erase_map(int dev) const {
 
 void FakeFlash::reset_counters() {
   std::lock_guard<std::mutex> lock(mu_);
-  ops_ = erases_ = programmed_ = 0;
+  ops_ = erases_ = programmed_ = read_ = 0;
   for (Device& d : dev_) d.erased.assign(d.erased.size(), false);
 }
 
@@ -182,6 +182,7 @@ ssize_t FakeFlash::read(int fd, void* buf, size_t count) {
   }
   std::memcpy(buf, d->bytes.data() + h->pos, n);
   h->pos += n;
+  read_ += static_cast<long>(n);
   return static_cast<ssize_t>(n);
 }
 

@@ -71,6 +71,7 @@ class FakeFlash : public MtdDevices {
   // Counters.
   long erases() const { return locked([&] { return erases_; }); }
   long bytes_programmed() const { return locked([&] { return programmed_; }); }
+  long bytes_read() const { return locked([&] { return read_; }); }
   long operations() const { return locked([&] { return ops_; }); }
   int open_count() const { return locked([&] { return static_cast<int>(fds_.size()); }); }
   void reset_counters();
@@ -120,6 +121,6 @@ class FakeFlash : public MtdDevices {
   bool info_fail_ = false, badq_fail_ = false, close_fail_ = false;
   long cut_after_ = -1;
   bool lost_ = false;
-  long ops_ = 0, erases_ = 0, programmed_ = 0;
+  long ops_ = 0, erases_ = 0, programmed_ = 0, read_ = 0;
   MtdDevices* previous_ = nullptr;
 };

@@ -107,8 +107,9 @@ int main(int argc, char** argv) {
     }
     // A quiet line after a session: the camera has reset the controller.
     if (seen != 0 && now - last_traffic > std::chrono::milliseconds(1000) && sim.wait_idle(0)) {
-      printf("session: end (%llu bytes received)\n", static_cast<unsigned long long>(seen));
+      // Reset before telling: a client that sees the line may sync at once.
       sim.reset();
+      printf("session: end (%llu bytes received)\n", static_cast<unsigned long long>(seen));
       seen = 0;
       writes_seen = 0;
       announced_go = false;

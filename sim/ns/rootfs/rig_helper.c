@@ -47,7 +47,7 @@ static void on_signal(int sig) {
   _exit(128 + sig);
 }
 
-static int run_sleeper(void) {
+_Noreturn static void run_sleeper(void) {
   for (int sig = 1; sig < 32; ++sig) {
     if (sig == SIGKILL || sig == SIGSTOP || sig == SIGCHLD) continue;
     signal(sig, on_signal);
@@ -111,5 +111,5 @@ int main(int argc, char** argv) {
   g_name = base;
   if (strcmp(base, "rig-reboot") == 0) return run_reboot(argc, argv);
   if (strcmp(base, "rig-udprec") == 0) return run_udprec(argc, argv);
-  return run_sleeper();
+  run_sleeper();
 }

@@ -10,27 +10,6 @@ namespace {
 
 bool is_hex(char c) { return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F'); }
 
-// Parses "a.b.c.d" into its four numbers.
-std::optional<unsigned> ipv4_value(std::string_view text) {
-  unsigned value = 0;
-  size_t pos = 0;
-  for (int part = 0; part < 4; ++part) {
-    if (part > 0) {
-      if (pos >= text.size() || text[pos] != '.') return std::nullopt;
-      ++pos;
-    }
-    size_t start = pos;
-    unsigned n = 0;
-    while (pos < text.size() && text[pos] >= '0' && text[pos] <= '9' && pos - start < 3)
-      n = n * 10 + static_cast<unsigned>(text[pos++] - '0');
-    // A leading zero reads as octal to inet_aton on the camera: refused.
-    if (pos == start || n > 255 || (text[start] == '0' && pos - start > 1)) return std::nullopt;
-    value = (value << 8) | n;
-  }
-  if (pos != text.size()) return std::nullopt;
-  return value;
-}
-
 }  // namespace
 
 std::string addressed_request(int code, std::string_view device_id, std::string_view client_id,
@@ -102,10 +81,10 @@ std::string lumconfig_request(std::string_view device_id, std::string_view clien
   return addressed_request(KW_LUMCONFIG, device_id, client_id, rest);
 }
 
-bool is_ipv4(std::string_view text) { return ipv4_value(text).has_value(); }
+bool is_ipv4(std::string_view text) { return parse_ipv4(text, true).has_value(); }
 
 bool is_netmask(std::string_view text) {
-  auto v = ipv4_value(text);
+  auto v = parse_ipv4(text, true);
   if (!v || *v == 0) return false;
   unsigned inverted = ~*v;
   return (inverted & (inverted + 1)) == 0;  // ones on top, zeros below

@@ -101,25 +101,6 @@ std::optional<header> parse_header(const uint8_t* buf, size_t len) {
   return header{buf[0], buf[1], get_be16(buf + 4)};
 }
 
-std::optional<uint32_t> parse_ipv4(std::string_view text) {
-  uint32_t out = 0;
-  size_t pos = 0;
-  for (int part = 0; part < 4; ++part) {
-    if (part > 0) {
-      if (pos >= text.size() || text[pos] != '.') return std::nullopt;
-      ++pos;
-    }
-    size_t start = pos;
-    unsigned v = 0;
-    while (pos < text.size() && pos - start < 3 && text[pos] >= '0' && text[pos] <= '9')
-      v = v * 10 + static_cast<unsigned>(text[pos++] - '0');
-    if (pos == start || v > 255) return std::nullopt;
-    out = out << 8 | v;
-  }
-  if (pos != text.size()) return std::nullopt;
-  return out;
-}
-
 std::string ipv4_text(uint32_t addr) {
   char buf[16];
   snprintf(buf, sizeof(buf), "%u.%u.%u.%u", addr >> 24, (addr >> 16) & 0xff, (addr >> 8) & 0xff,

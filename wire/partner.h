@@ -12,6 +12,8 @@
 #include <string>
 #include <string_view>
 
+#include "wire/text.h"
+
 namespace wire::partner {
 
 // Requests go to the request group; the camera answers on both reply groups,
@@ -69,8 +71,9 @@ void put_header(uint8_t* out, const header& h);
 std::optional<header> parse_header(const uint8_t* buf, size_t len);
 
 // IPv4 addresses as host-order numbers (192.168.77.2 is 0xC0A84D02); on the
-// wire they are the four address bytes in network order.
-std::optional<uint32_t> parse_ipv4(std::string_view text);
+// wire they are the four address bytes in network order. A leading zero is
+// accepted here ("192.168.077.1" is 77).
+using wire::parse_ipv4;
 std::string ipv4_text(uint32_t addr);
 // "02:00:00:77:00:01" -> six bytes; nothing unless six two-digit hex pairs.
 std::optional<std::array<uint8_t, 6>> parse_mac(std::string_view text);

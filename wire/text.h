@@ -3,6 +3,8 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -61,5 +63,10 @@ std::string search_request(std::string_view client_id);
 // The fields of a reply after its keyword: "\r\n"-separated "Key:value" or
 // "KEY=value" texts, split at the first ':' or '=' of each, in order.
 std::vector<std::pair<std::string, std::string>> reply_fields(std::string_view text);
+
+// "a.b.c.d" as a host-order number (192.168.77.2 is 0xC0A84D02); nothing
+// unless four decimal numbers of at most three digits, each up to 255.
+// With refuse_leading_zero, "077" is refused too: inet_aton reads it as octal.
+std::optional<uint32_t> parse_ipv4(std::string_view text, bool refuse_leading_zero = false);
 
 }  // namespace wire

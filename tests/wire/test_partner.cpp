@@ -136,6 +136,7 @@ TEST(WirePartner, TextsAddressesAndMacs) {
   EXPECT_EQ(wp::get_text(wp::encode_net_query("ab").data() + 16), "ab");
 
   EXPECT_EQ(wp::parse_ipv4("10.0.0.1"), 0x0A000001u);
+  EXPECT_EQ(wp::parse_ipv4("192.168.077.1"), 0xC0A84D01u);  // decimal, unlike the text commands
   EXPECT_EQ(wp::ipv4_text(0xC0A84D02), "192.168.77.2");
   for (const char* bad : {"", "1.2.3", "1.2.3.4x", "256.1.1.1", "1..2.3", "1.2.3.4.5", "1234.1.1.1"})
     EXPECT_FALSE(wp::parse_ipv4(bad)) << bad;

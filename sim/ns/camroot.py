@@ -3,11 +3,10 @@ that read and write them (files, stand-ins, call logs, boot environment)."""
 
 from __future__ import annotations
 
-import contextlib
 import os
 import shutil
 
-from rigbase import RigError, run, wait_until
+from rigbase import HostFiles, RigError, run, wait_until
 
 # Sixteen MiB of flash as the camera's kernel lists it.
 DEFAULT_MTD = [
@@ -48,7 +47,7 @@ def del_list_text(paths):
     return "".join(f'"{p}"\n' for p in paths)
 
 
-class CameraFiles:
+class CameraFiles(HostFiles):
     """The camera's root directory as the test sees it from the host. Base of
     Camera, which supplies session, root, name, _mounts and _tail()."""
 
@@ -112,32 +111,11 @@ class CameraFiles:
 
     def write(self, camera_path, content, mode=None):
         """Writes (str or bytes) a camera file; None removes it."""
-        p = self.path(camera_path)
         if (str(camera_path).startswith("/dev/")
                 and str(self.path("/dev")) not in self._mounts):
             raise RigError(f"{camera_path}: /dev is made fresh at each boot; "
                            "pass dev_files= or write it while the camera runs")
-        if content is None:
-            with contextlib.suppress(FileNotFoundError):
-                p.unlink()
-            return
-        p.parent.mkdir(parents=True, exist_ok=True)
-        if isinstance(content, str):
-            content = content.encode()
-        p.write_bytes(content)
-        if mode is not None:
-            os.chmod(p, mode)
-
-    def read(self, camera_path):
-        """Bytes of a camera file (None when absent)."""
-        try:
-            return self.path(camera_path).read_bytes()
-        except FileNotFoundError:
-            return None
-
-    def read_text(self, camera_path):
-        data = self.read(camera_path)
-        return None if data is None else data.decode(errors="replace")
+        super().write(camera_path, content, mode)
 
     def exists(self, camera_path):
         return os.path.lexists(self.path(camera_path))

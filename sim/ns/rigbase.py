@@ -34,6 +34,33 @@ class RigError(RuntimeError):
     """The rig itself could not do what was asked."""
 
 
+class HostFiles:
+    """Camera files written and read from the host through self.path(), the
+    host path of a camera path (each kind of camera supplies it)."""
+
+    def write(self, camera_path, content, mode=None):
+        """Writes (str or bytes) a camera file; None removes it."""
+        p = self.path(camera_path)
+        if content is None:
+            p.unlink(missing_ok=True)
+            return
+        p.parent.mkdir(parents=True, exist_ok=True)
+        p.write_bytes(content.encode() if isinstance(content, str) else content)
+        if mode is not None:
+            os.chmod(p, mode)
+
+    def read(self, camera_path):
+        """Bytes of a camera file (None when absent)."""
+        try:
+            return self.path(camera_path).read_bytes()
+        except FileNotFoundError:
+            return None
+
+    def read_text(self, camera_path):
+        data = self.read(camera_path)
+        return None if data is None else data.decode(errors="replace")
+
+
 # --------------------------------------------------------------------------
 # small helpers
 

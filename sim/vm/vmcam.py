@@ -41,7 +41,7 @@ TOP = HERE.parents[1]
 sys.path.insert(0, str(TOP / "sim" / "ns"))
 
 from camroot import DEFAULT_FILES, del_list_text, pid_list_text  # noqa: E402
-from rigbase import RigError, TOOL_PATH, run, wait_until  # noqa: E402
+from rigbase import HostFiles, RigError, TOOL_PATH, run, wait_until  # noqa: E402
 
 from vmflash import (  # noqa: E402,F401  (re-exported)
     BLOCK, DEFAULT_PARTS, NAND_BLOCKS, NAND_ID, OOB, PAGE, PAGES_PER_BLOCK, RAW_PAGE, Flash,
@@ -73,7 +73,7 @@ def find_program(name):
     return max(found, key=lambda p: p.stat().st_mtime) if found else None
 
 
-class VirtualCamera:
+class VirtualCamera(HostFiles):
     """One virtual camera on a sim/ns Lan. Keywords (all optional):
 
     word        the daemon's command-line word
@@ -180,26 +180,6 @@ class VirtualCamera:
                 return self.share / host / p[len(prefix):].lstrip("/")
         raise RigError(f"{p}: only /data, /customer and /.rig are kept on the host; "
                        "use exec() for other camera files")
-
-    def write(self, camera_path, content, mode=None):
-        p = self.path(camera_path)
-        if content is None:
-            p.unlink(missing_ok=True)
-            return
-        p.parent.mkdir(parents=True, exist_ok=True)
-        p.write_bytes(content.encode() if isinstance(content, str) else content)
-        if mode is not None:
-            os.chmod(p, mode)
-
-    def read(self, camera_path):
-        try:
-            return self.path(camera_path).read_bytes()
-        except FileNotFoundError:
-            return None
-
-    def read_text(self, camera_path):
-        data = self.read(camera_path)
-        return None if data is None else data.decode(errors="replace")
 
     def wait_file_text(self, camera_path, text, timeout=60.0):
         """Waits until a camera file (under /data, /customer, /.rig) holds

@@ -26,20 +26,10 @@ import threading
 import time
 from pathlib import Path
 
-TOP = Path(__file__).resolve().parents[1]
-sys.path.insert(0, str(TOP / "sim" / "ns"))
-
-import camera as rig  # noqa: E402
+import benchrig
+from benchrig import default, rig
 
 RESTARTS_AT_ONCE = 4  # boots the rig runs side by side after the reboots
-
-
-def default(*names):
-    for preset in ("host-release", "host-debug"):
-        p = TOP / "build" / preset / Path(*names)
-        if p.is_file():
-            return p
-    return None
 
 
 def mem_available_kib():
@@ -186,8 +176,7 @@ def upgrade(lan, camtool, pkg, rate, cams, log):
 
 
 def run(session, camtool, pkg, rate, count, log):
-    lan = rig.Lan(session).start()
-    try:
+    with benchrig.lan(session) as lan:
         before = mem_available_kib()
         cams, boots = boot(session, lan, count, log)
         idle_per_camera = (before - mem_available_kib()) / max(1, len(cams))
@@ -196,10 +185,6 @@ def run(session, camtool, pkg, rate, count, log):
         fig = upgrade(lan, camtool, pkg, rate, cams, log)
         fig.update(booted=len(cams), boots=boots, host_kib_per_camera=idle_per_camera)
         return fig
-    finally:
-        for c in list(lan.cameras):
-            c.teardown()
-        lan.stop()
 
 
 def show(label, f, alone):
@@ -242,15 +227,12 @@ def main():
     ap.add_argument("--mib", type=float, default=8, help="size of the package's payload")
     ap.add_argument("--rate", type=float, default=50, help="Mbit/s of the stream")
     args = ap.parse_args()
-    if os.geteuid() != 0:
-        sys.exit("the camera sandbox needs root")
+    benchrig.need_root()
     if args.bin is None or args.camtool is None:
         sys.exit("build the 'upgrade' and 'camtool' targets (host-release) or pass --bin/--camtool")
 
-    rig.sweep_stale()
-    session = rig.Session(args.bin)
     log = []
-    try:
+    with benchrig.session(args.bin) as session:
         pkg = session.workdir / "app_V2.6.0.zip"
         pkg.write_bytes(rig.zip_package({"customer/version_file": "V2.6.0",
                                          "customer/payload.bin": os.urandom(int(args.mib * 1048576))}))
@@ -269,11 +251,6 @@ def main():
         for fig in (alone, fleet):
             if fig and fig["status"] != 0:
                 print("  camtool's last lines:\n    " + "\n    ".join(fig["stderr_tail"]))
-    finally:
-        session.close()
-        left = session.leftovers()
-        if any(left.values()):
-            print(f"left behind: {left}", file=sys.stderr)
 
 
 if __name__ == "__main__":

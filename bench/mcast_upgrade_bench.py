@@ -23,22 +23,12 @@ import subprocess
 import sys
 from pathlib import Path
 
-TOP = Path(__file__).resolve().parents[1]
-sys.path.insert(0, str(TOP / "sim" / "ns"))
-
-import camera as rig  # noqa: E402
+import benchrig
+from benchrig import default, rig
 
 RATES = [10, 25, 50, 100, 200, 0]  # Mbit/s of datagrams; 0 = unpaced
 SINK_PORT = 8106
 PACKET = 5120 - 42
-
-
-def default(name):
-    for preset in ("host-release", "host-debug"):
-        for p in (TOP / "build" / preset / name, TOP / "build" / preset / "bench" / name):
-            if p.is_file():
-                return p
-    return None
 
 
 def cpu_seconds(pid):
@@ -134,19 +124,15 @@ def main():
     ap.add_argument("--mib", type=int, default=32)
     ap.add_argument("--runs", type=int, default=1)
     args = ap.parse_args()
-    if os.geteuid() != 0:
-        sys.exit("the camera sandbox needs root")
+    benchrig.need_root()
     if not args.bin or not args.stream:
         sys.exit("build the host-release preset (upgrade, mcast_stream) or pass --bin/--stream")
 
     data = os.urandom(args.mib << 20)
-    rig.sweep_stale()
-    session = rig.Session(args.bin)
-    lan = rig.Lan(session).start()
-    path = session.workdir / "stream.bin"
-    path.write_bytes(data)
     mib = len(data) / (1 << 20)
-    try:
+    with benchrig.session(args.bin) as session, benchrig.lan(session) as lan:
+        path = session.workdir / "stream.bin"
+        path.write_bytes(data)
         cam = rig.Camera(session, lan, word="DEBUG", pid_list=[], dev_size="128m")
         cam.start()
         if not lan.search(count=1, timeout=10.0):
@@ -179,14 +165,6 @@ def main():
         stray = [line for line in cam.lines("both") if re.search(r"write dstfile failed", line)]
         if stray:
             print(f"daemon write failures: {len(stray)}")
-    finally:
-        lan.stop()
-        for c in list(lan.cameras):
-            c.teardown()
-        session.close()
-        left = session.leftovers()
-        if any(left.values()):
-            print(f"left behind: {left}", file=sys.stderr)
 
 
 if __name__ == "__main__":

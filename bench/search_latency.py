@@ -16,10 +16,8 @@ import sys
 import time
 from pathlib import Path
 
-TOP = Path(__file__).resolve().parents[1]
-sys.path.insert(0, str(TOP / "sim" / "ns"))
-
-import camera as rig  # noqa: E402
+import benchrig
+from benchrig import default, rig
 
 CLIENT = "b0b0b0b0b0b0b0b0b0b0b0b0b0b0b0b0"
 
@@ -32,30 +30,17 @@ def percentile(sorted_values, p):
     return sorted_values[lo] + (sorted_values[hi] - sorted_values[lo]) * (k - lo)
 
 
-def default_binary():
-    for name in ("host-release", "disc-rel"):
-        p = TOP / "build" / name / "upgrade"
-        if p.is_file():
-            return p
-    found = sorted(TOP.glob("build/*/upgrade"), key=lambda p: p.stat().st_mtime)
-    return found[-1] if found else None
-
-
 def main():
     ap = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    ap.add_argument("--bin", type=Path, default=os.environ.get("UPGRADE_BIN") or default_binary())
+    ap.add_argument("--bin", type=Path, default=os.environ.get("UPGRADE_BIN") or default("upgrade"))
     ap.add_argument("--count", type=int, default=200)
     ap.add_argument("--interval", type=float, default=0.35, help="seconds between searches")
     args = ap.parse_args()
-    if os.geteuid() != 0:
-        sys.exit("the camera sandbox needs root")
+    benchrig.need_root()
     if args.bin is None:
         sys.exit("no daemon binary: build the 'upgrade' target or pass --bin")
 
-    rig.sweep_stale()
-    session = rig.Session(args.bin)
-    lan = rig.Lan(session).start()
-    try:
+    with benchrig.session(args.bin) as session, benchrig.lan(session) as lan:
         cam = rig.Camera(session, lan)
         cam.start()
         if not lan.search(client_id=CLIENT, count=1, timeout=10.0):
@@ -82,14 +67,6 @@ def main():
             print(f"  p50 {percentile(lat, 50):.2f} ms   p99 {percentile(lat, 99):.2f} ms   "
                   f"min {lat[0]:.2f} ms   max {lat[-1]:.2f} ms   mean {statistics.mean(lat):.2f} ms")
         print(f"  answered {len(lat)}, lost {lost}")
-    finally:
-        lan.stop()
-        for c in list(lan.cameras):
-            c.teardown()
-        session.close()
-        left = session.leftovers()
-        if any(left.values()):
-            print(f"left behind: {left}", file=sys.stderr)
 
 
 if __name__ == "__main__":

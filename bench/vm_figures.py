@@ -22,7 +22,6 @@ import random
 import re
 import subprocess
 import sys
-import time
 from pathlib import Path
 
 TOP = Path(__file__).resolve().parents[1]

@@ -65,6 +65,12 @@ void place_partition(image_cursor* cursor, int index, int32_t image_size, part_p
   cursor->prev_size = size;
 }
 
+void log_image_end(bool* quiet) {
+  INSTALL_LOG(*quiet, "exit mtdbug\n");
+  *quiet = false;
+  INSTALL_LOG(*quiet, "ALL_MTD upgrade succeed\n");
+}
+
 int mtd_file_split(const char* image_path, const char* out_path, unsigned type) {
   char cmd[kSplitCmdLen];
   int n;

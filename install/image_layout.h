@@ -53,6 +53,10 @@ struct part_place {
 // Fills `place` for partition `index` (below daemon_state.mtd_num) and moves
 // `cursor` past it.
 void place_partition(image_cursor* cursor, int index, int32_t image_size, part_place* place);
+// The image ended before a partition: "exit mtdbug" under the current quiet
+// state, then the trace is written again ("ALL_MTD upgrade succeed") and
+// *quiet is cleared.
+void log_image_end(bool* quiet);
 
 // Console line, plus the upgrade log unless the installation runs quiet.
 #define INSTALL_LOG(quiet, fmt, ...)              \

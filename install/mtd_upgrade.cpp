@@ -37,10 +37,7 @@ bool write_image_partitions(const char* image_path, int32_t image_size) {
     part_place place;
     place_partition(&cursor, i, image_size, &place);
     if (!place.covered) {
-      // The installation trace records the end even after a quiet partition.
-      INSTALL_LOG(quiet, "exit mtdbug\n");
-      quiet = false;
-      INSTALL_LOG(quiet, "ALL_MTD upgrade succeed\n");
+      log_image_end(&quiet);
       all_done = false;
       break;
     }

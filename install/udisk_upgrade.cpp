@@ -105,10 +105,7 @@ bool write_partitions(const std::string& image) {
     part_place place;
     place_partition(&cursor, i, image_size, &place);
     if (!place.covered) {
-      // The installation trace records the end even after a quiet partition.
-      INSTALL_LOG(quiet, "exit mtdbug\n");
-      quiet = false;
-      INSTALL_LOG(quiet, "ALL_MTD upgrade succeed\n");
+      log_image_end(&quiet);
       break;
     }
     DBG_INFO("mtd_file_offset: %s\n", place.file_offset);

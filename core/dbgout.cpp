@@ -8,6 +8,7 @@
 #include <ctime>
 #include <mutex>
 
+#include "core/fork_guard.h"
 #include "core/platform.h"
 
 namespace {
@@ -18,9 +19,13 @@ struct LogFile {
 };
 
 // One lock per log keeps the open/write/rotate steps of a call together.
+// The installers' children write trace lines too (the controller's version
+// record before the '7'): both locks are free in a forked child.
 std::mutex g_net_mu;
+[[maybe_unused]] const int g_net_fork_guard = guard_across_fork<g_net_mu>();
 LogFile g_net;
 std::mutex g_data_mu;
+[[maybe_unused]] const int g_data_fork_guard = guard_across_fork<g_data_mu>();
 LogFile g_data;
 char g_data_path[256] = "/data/upgrade.log";
 

@@ -1,3 +1,4 @@
+#include "core/fork_guard.h"
 #include "core/upgrade.h"
 
 #include <arpa/inet.h>
@@ -45,6 +46,7 @@ constexpr const char* kModelPath = "/customer/device_model_file";
 
 // Guards the version texts of daemon_state (read_version, current_version).
 std::mutex g_version_mu;
+[[maybe_unused]] const int g_version_fork_guard = guard_across_fork<g_version_mu>();
 
 // Socket and address storage of the endpoint records: start-up owns these,
 // the records point at them.

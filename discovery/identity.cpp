@@ -17,6 +17,7 @@
 #include <mutex>
 #include <string>
 
+#include "core/fork_guard.h"
 #include "core/dbgout.h"
 #include "core/platform.h"
 #include "core/upgrade.h"
@@ -28,8 +29,7 @@ constexpr const char* kUuidPath = "/data/uuid_file";
 std::mutex g_records_mu;
 // An installer's forked child builds acknowledgements from these records: it
 // must not inherit the lock from a thread that does not exist there.
-[[maybe_unused]] const int g_records_fork_guard = pthread_atfork(
-    [] { g_records_mu.lock(); }, [] { g_records_mu.unlock(); }, [] { g_records_mu.unlock(); });
+[[maybe_unused]] const int g_records_fork_guard = guard_across_fork<g_records_mu>();
 char g_device_id[kIdLen + 1];
 char g_client_id[kIdLen + 1];
 char g_upgrade_client_id[kIdLen + 1];

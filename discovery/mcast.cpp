@@ -17,6 +17,7 @@
 #include <mutex>
 #include <vector>
 
+#include "core/fork_guard.h"
 #include "core/dbgout.h"
 #include "core/platform.h"
 #include "core/upgrade.h"
@@ -40,8 +41,7 @@ std::atomic<mcast_open_fn> g_open_hook{nullptr};
 // Guards the address records while an endpoint is (re-)opened or used.
 std::mutex g_addr_mu;
 // An installer's forked child sends acknowledgements (see identity.cpp).
-[[maybe_unused]] const int g_addr_fork_guard = pthread_atfork(
-    [] { g_addr_mu.lock(); }, [] { g_addr_mu.unlock(); }, [] { g_addr_mu.unlock(); });
+[[maybe_unused]] const int g_addr_fork_guard = guard_across_fork<g_addr_mu>();
 
 // The endpoints' sockets: opened, dropped and re-opened under the write
 // lock; the listeners receive and the handlers send under the read lock.

@@ -15,6 +15,7 @@
 #include <mutex>
 #include <string>
 
+#include "core/fork_guard.h"
 #include "core/dbgout.h"
 #include "core/platform.h"
 #include "core/upgrade.h"
@@ -29,6 +30,7 @@ constexpr size_t kConfAccumulator = 2048;
 constexpr size_t kConfLineMax = 96;
 
 std::mutex g_ipv6_mu;
+[[maybe_unused]] const int g_ipv6_fork_guard = guard_across_fork<g_ipv6_mu>();
 net_info_ipv6_t g_net_info_ipv6;
 
 // dhcp flag from the first 256 bytes of net.conf; -1 when the file is

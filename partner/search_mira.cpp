@@ -16,6 +16,7 @@
 #include <mutex>
 #include <string>
 
+#include "core/fork_guard.h"
 #include "core/dbgout.h"
 #include "core/helpers.h"
 #include "core/platform.h"
@@ -34,6 +35,7 @@ constexpr const char* kTypeCommand = "cat /home/device_model_file";
 constexpr uint64_t kFirstOpenDelayUs = 3000000;
 
 std::mutex g_mu;
+[[maybe_unused]] const int g_mu_fork_guard = guard_across_fork<g_mu>();
 char g_type_code[kTypeCodeLen];
 char g_local_addr[32];  // eth0's address: source of the replies
 

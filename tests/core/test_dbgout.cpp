@@ -1,10 +1,16 @@
 // Console line forms, the two trace logs' size rules and the timestamp.
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <thread>
 
 #include "core/dbgout.h"
 #include "fakes/fake_platform.h"
@@ -124,6 +130,47 @@ TEST_F(TraceLog, DataLogPathTraceHeaderAndUnopenableLog) {
   testing::internal::CaptureStdout();
   EXPECT_EQ(traceout_data("still here\n"), 0);
   EXPECT_EQ(testing::internal::GetCapturedStdout(), "still here\n");
+}
+
+// The installers' children trace (the controller's version record) while
+// other threads of the daemon go on tracing. A child forked while another
+// thread was inside traceout or traceout_data must still be able to trace.
+TEST_F(TraceLog, ChildrenForkedWhileOtherThreadsTraceCanTrace) {
+  testing::internal::CaptureStdout();
+  std::atomic<bool> stop{false};
+  std::thread busy([&] {
+    while (!stop.load()) {
+      traceout("parent line\n");
+      traceout_data("parent line\n");
+    }
+  });
+  int stuck = 0;
+  for (int i = 0; i < 20 && stuck == 0; ++i) {
+    pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+      traceout("child line\n");
+      traceout_data("child line\n");
+      _exit(0);
+    }
+    // A child that cannot take a log lock never ends; the bound only
+    // decides when to stop waiting for one that is stuck for good.
+    int status = -1;
+    const auto give_up = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (waitpid(pid, &status, WNOHANG) == 0) {
+      if (std::chrono::steady_clock::now() > give_up) {
+        kill(pid, SIGKILL);
+        waitpid(pid, &status, 0);
+        ++stuck;
+        break;
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+  }
+  stop = true;
+  busy.join();
+  testing::internal::GetCapturedStdout();
+  EXPECT_EQ(stuck, 0);
 }
 
 }  // namespace

@@ -576,6 +576,9 @@ void check_upgrade(const upgrade_options& o, uint64_t size) {
   if (!is_safe_file_name(o.file_name.c_str()))
     throw tool_error("the file name '" + o.file_name +
                      "' would be refused by the cameras (use letters, digits, '.', '_', '-', '+')");
+  if (is_reserved_dev_name(o.file_name.c_str()))
+    throw tool_error("the file name '" + o.file_name +
+                     "' is one the cameras keep for their own files in /dev; rename the file");
   if (o.file_name.size() > wire::kFileNameMax)
     throw tool_error("the file name is longer than " + std::to_string(wire::kFileNameMax) + " characters");
   if (size > kUpgradeSizeMax)

@@ -8,12 +8,12 @@
 #include <cstring>
 #include <string>
 
+#include "core/file_names.h"
 #include "core/dbgout.h"
 #include "core/helpers.h"
 #include "core/platform.h"
 #include "core/upgrade.h"
 #include "install/image_layout.h"
-#include "wire/file_name.h"
 #include "install/mtd_debug.h"
 
 namespace {
@@ -103,8 +103,9 @@ std::string find_image() {
   }
   char* nl = strchr(list, '\n');
   if (nl != nullptr) *nl = '\0';
-  // The name goes into shell command lines and after "/dev/".
-  if (!is_safe_file_name(list)) {
+  // The name goes into shell command lines and after "/dev/"; only a
+  // regular file is read (never a device node, link or pipe).
+  if (check_file_name("/dev", list) != name_verdict::ok) {
     printf("upgrade filename error!");
     fflush(stdout);
     return "";
@@ -184,7 +185,7 @@ int upgrade_specified_mtd(const char* list_cmd, int index) {
   }
   char* nl = strchr(name, '\n');
   if (nl != nullptr) *nl = '\0';
-  if (!is_safe_file_name(name)) {
+  if (check_file_name("/dev", name) != name_verdict::ok) {
     DBG_ERR("upgrade filename error!\n");
     return -1;
   }

@@ -14,13 +14,13 @@
 #include <cstring>
 #include <string>
 
+#include "core/file_names.h"
 #include "core/dbgout.h"
 #include "core/helpers.h"
 #include "core/platform.h"
 #include "core/upgrade.h"
 #include "discovery/identity.h"
 #include "install/image_layout.h"
-#include "wire/file_name.h"
 #include "install/mtd_debug.h"
 
 namespace {
@@ -193,8 +193,8 @@ int udisk_upgrade_poll() {
   const std::string cam_tag = model_tag(now.model);
   DBG_INFO("soc_device_type_info: %s\n", now.model);
   DBG_INFO("cam_device_model: %s\n", cam_tag.c_str());
-  // The name goes into shell command lines.
-  if (!is_safe_file_name(name.c_str())) {
+  // The name goes into shell command lines; only a regular file is read.
+  if (check_file_name(kDiskDir, name.c_str()) != name_verdict::ok) {
     printf("upgrade filename error!");
     fflush(stdout);
     refuse();

@@ -1,6 +1,9 @@
 #include "install/mtd_upgrade.h"
 
+#include <sys/stat.h>
+
 #include <cstring>
+#include <filesystem>
 
 #include "install_fixture.h"
 
@@ -197,7 +200,13 @@ TEST_F(MtdUpgradeTest, RefusedNamesRebootWithoutTouchingFlash) {
   partitions(kLayout, kEb);
   daemon_state.del_num = 1;
   std::strcpy(daemon_state.del_list[0], "/data/old.cfg");
-  for (const std::string name : {"a;reboot.img", "x$(id).img", "a b.img", "../fw.img"}) {
+  // A link (even to a good image) or a pipe in /dev is not an image.
+  cam.write("/elsewhere/fw.img", std::string(0x100, 'i'));
+  std::filesystem::create_directories(cam.path("/dev"));
+  std::filesystem::create_symlink(cam.path("/elsewhere/fw.img"), cam.path("/dev/link.img"));
+  ASSERT_EQ(0, mkfifo(cam.path("/dev/pipe.img").c_str(), 0600));
+  for (const std::string name :
+       {"a;reboot.img", "x$(id).img", "a b.img", "../fw.img", "link.img", "pipe.img"}) {
     cam.write("/data/old.cfg", "x");
     cam.platform().clear();
     cam.platform().on("grep .img", name + "\n");

@@ -1,5 +1,7 @@
 #include "install/udisk_upgrade.h"
 
+#include <sys/stat.h>
+
 #include <cstring>
 #include <filesystem>
 
@@ -139,6 +141,23 @@ TEST_F(UdiskTest, UnsafeNamesAreRefusedWhateverElseMatches) {
     std::string out;
     EXPECT_EQ(0, poll(&out)) << name;
     EXPECT_THAT(out, HasSubstr("\nupgrade filename error!")) << name;  // no console prefix
+    expect_refused({2});
+  }
+  // An image that is not a regular file on the disk: a link (to a good
+  // image) or a pipe is never read.
+  cam.write("/elsewhere/fw_K1.img", as_text(pattern(0x200000, 4)));
+  for (const char* name : {"link_K1.img", "pipe_K1.img"}) {
+    again();
+    std::filesystem::remove_all(cam.path("/mnt/usb"));
+    std::filesystem::create_directories(cam.path("/mnt/usb"));
+    const std::string entry = cam.path(std::string("/mnt/usb/") + name);
+    if (name[0] == 'l')
+      std::filesystem::create_symlink(cam.path("/elsewhere/fw_K1.img"), entry);
+    else
+      ASSERT_EQ(0, mkfifo(entry.c_str(), 0600));
+    std::string out;
+    EXPECT_EQ(0, poll(&out)) << name;
+    EXPECT_THAT(out, HasSubstr("\nupgrade filename error!")) << name;
     expect_refused({2});
   }
 }

@@ -18,3 +18,12 @@ TEST(FileNameTest, RefusesWhatCouldLeaveDevOrReachTheShell) {
     EXPECT_FALSE(is_safe_file_name(name)) << name;
   EXPECT_FALSE(is_safe_file_name(nullptr));
 }
+
+TEST(FileNameTest, PlainNamesMayHoldShellCharactersButStayInTheirFolder) {
+  for (const char* name : {"a;b", "a b", "x$(id)", "it's"}) EXPECT_TRUE(is_plain_file_name(name)) << name;
+  for (const char* name : {"", "../x", "a/b", "..", "a\tb", "a\x7f"})
+    EXPECT_FALSE(is_plain_file_name(name)) << name;
+  for (const char* name : {"fw_setenv", "busybox", "mtd_upgrade", "dhcp_ok", "upgrade_network.log"})
+    EXPECT_TRUE(is_reserved_dev_name(name)) << name;
+  EXPECT_FALSE(is_reserved_dev_name("fw_setenv.bin"));
+}

@@ -1,12 +1,14 @@
 // DHCP watcher (re-creates the listeners' sockets once DHCP gave eth0 its
-// address) and the post-upgrade status report.
+// address) and the post-upgrade status report, which waits for that address.
 #include "discovery/dhcp_status.h"
 
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <condition_variable>
 #include <cstring>
+#include <mutex>
 #include <string>
 
 #include "core/dbgout.h"
@@ -28,7 +30,32 @@ constexpr const char* kReporterName = "mcast_upgradeStatus_func";
 
 bool camera_file_exists(const char* path) { return access(cam_path(path).c_str(), F_OK) == 0; }
 
+// Whether eth0 has its IPv4 address: a static one from the start, a DHCP
+// one once the watcher has seen it. Nothing sent to a group before then
+// reaches anybody.
+std::mutex g_address_mu;
+std::condition_variable g_address_cv;
+bool g_address_ready = false;
+
 }  // namespace
+
+void mark_ipv4_address_ready() {
+  {
+    std::lock_guard<std::mutex> lock(g_address_mu);
+    g_address_ready = true;
+  }
+  g_address_cv.notify_all();
+}
+
+void wait_for_ipv4_address() {
+  std::unique_lock<std::mutex> lock(g_address_mu);
+  g_address_cv.wait(lock, [] { return g_address_ready; });
+}
+
+void reset_ipv4_address_ready() {
+  std::lock_guard<std::mutex> lock(g_address_mu);
+  g_address_ready = false;
+}
 
 void check_dhcp_status() {
   const char* cmd = "cat /data/net.conf | grep dhcp";
@@ -36,12 +63,15 @@ void check_dhcp_status() {
   int n = sys().shell_read(cmd, out, 128);
   if (n < 0) {
     DBG_ERR_AS(kWatcherName, "fopen %s failed\n", cmd);
+    // Nobody will know better: whatever eth0 has is taken as its address.
+    mark_ipv4_address_ready();
     sys().end_thread();
   }
   if (n == 0) DBG_ERR_AS(kWatcherName, "fread %s failed\n", cmd);
   // Any '0' in the dhcp line counts as a static address.
   if (memchr(out, '0', static_cast<size_t>(n > 0 ? n : 0)) != nullptr) {
     DBG_INFO_AS(kWatcherName, "dchp is off, return\n");
+    mark_ipv4_address_ready();
     return;
   }
   while (!camera_file_exists(kDhcpOkPath)) sys().sleep_us(2000000);
@@ -64,6 +94,7 @@ void check_dhcp_status() {
   }
   mcast_search_switch().store(1);
   mcast_batch_switch().store(1);
+  mark_ipv4_address_ready();
   DBG_INFO_AS(kWatcherName, "leave\n");
 }
 
@@ -114,6 +145,9 @@ void mcast_upgrade_status_report(mcast_endpoint* ep) {
     return;
   }
   DBG_INFO_AS(kReporterName, "found %s\n", kArmVersionPath);
+  // A DHCP camera has no address at boot: the report, sent once, would be
+  // lost and the camera would wait for ever.
+  wait_for_ipv4_address();
   mcast_open_endpoint(ep);
 
   char dev[kIdLen + 1], ver[32], model[32];

@@ -157,7 +157,9 @@ struct StatusReport : Listeners {
   StatusReport() {
     cam.write("/customer/version_file", "v2.0.0\n");
     cam.write("/customer/arm_version_file", "1\n");
+    mark_ipv4_address_ready();
   }
+  ~StatusReport() override { reset_ipv4_address_ready(); }
   std::string confirm(const std::string& dev, const std::string& status) {
     return "STATUS * \r\nDevice ID:" + dev + "\r\nClient ID:" + kCliId + "\r\n" + status;
   }
@@ -193,6 +195,29 @@ TEST_F(StatusReport, SentOnceThenWaitsForTheRightConfirmation) {
   EXPECT_FALSE(recv_text(loop.sock.load(), 0));  // nothing left unread
   EXPECT_TRUE(cam.platform().ran("touch /customer/upgrade_finish_flag"));
   EXPECT_FALSE(loop.reply(100));  // the report is never repeated
+}
+
+// A DHCP camera boots without an address: the report goes out once the
+// watcher has seen DHCP's, not before (it would be lost, and the camera
+// would wait for a confirmation for ever).
+TEST_F(StatusReport, WaitsUntilDhcpHasGivenTheCameraItsAddress) {
+  reset_ipv4_address_ready();
+  LoopEndpoint search, batch;
+  daemon_state.endpoints[0] = search.ep;
+  daemon_state.endpoints[1] = batch.ep;
+  cam.platform().on("cat /data/net.conf | grep dhcp", "dhcp=1\n");
+  std::thread reporter([&] { mcast_upgrade_status_report(&loop.ep); });
+  EXPECT_FALSE(loop.reply(300));
+  cam.write("/dev/dhcp_ok", "");
+  check_dhcp_status();
+  auto r = loop.reply(2000);
+  ASSERT_TRUE(r);
+  EXPECT_NE(r->find("\r\nStatus=1"), std::string::npos);
+  sockaddr_in a;
+  socklen_t len = sizeof(a);
+  getsockname(loop.sock.load(), reinterpret_cast<sockaddr*>(&a), &len);
+  send_text(loop.tool, a, confirm(kDevId, "Status=2"));
+  reporter.join();
 }
 
 TEST(RawSender, HandMadeHeadersReachAUdpSocket) {

@@ -33,12 +33,8 @@ constexpr const char* kUimageList = "/bin/ls /dev/ | grep uImage | grep .bin";
 
 void pause_ms(uint64_t ms) { sys().sleep_us(ms * 1000); }
 
-// '7'. The camera reports itself once it is back ("STATUS * "), so the
-// mark of the last confirmed report goes first.
-void answer_installed(mcast_endpoint* ep) {
-  remove(cam_path(kFinishFlag).c_str());
-  send_upgrade_ack(ep, wire::ACK_INSTALLED);
-}
+// '7'.
+void answer_installed(mcast_endpoint* ep) { send_upgrade_ack(ep, wire::ACK_INSTALLED); }
 
 // '2' or '8' after the processes were stopped: nothing more to do than
 // bring the camera back up.
@@ -91,9 +87,9 @@ bool program_controller(mcast_endpoint* ep, const std::string& image) {
   return false;
 }
 
-void install_system_package(mcast_endpoint* ep, const char* path) {
+bool install_system_package(mcast_endpoint* ep, const char* path) {
   DBG_INFO("current upgrade: SOC\n");
-  if (!unzip_over_root(path, "child process create failed\n", false)) return;
+  if (!unzip_over_root(path, "child process create failed\n", false)) return false;
   sys().sync();
   answer_installed(ep);
   pause_ms(500);
@@ -104,25 +100,26 @@ void install_system_package(mcast_endpoint* ep, const char* path) {
   wdt_reboot(1);
   pause_ms(5000);
   sys().reboot(RB_AUTOBOOT);
+  return true;
 }
 
-void install_controller_image(mcast_endpoint* ep, const char* path) {
+bool install_controller_image(mcast_endpoint* ep, const char* path) {
   DBG_INFO("current upgrade: arm upgrade\n");
   pid_t pid = sys().fork();
   if (pid < 0) {
     DBG_ERR("child process create failed\n");
     sys().sync();
-    return;
+    return false;
   }
   if (pid > 0) {
     // The child answers and reboots.
     int status = 0;
     sys().waitpid(pid, &status, 0);
     pause_ms(500);
-    return;
+    return true;
   }
   close_listener_sockets();
-  if (!program_controller(ep, path)) return;
+  if (!program_controller(ep, path)) return true;
   update_arm_version(1);
   DBG_INFO("arm-upgrade-filepath: %s\n", path);
   DBG_INFO("arm upgrade succeed\n");
@@ -132,6 +129,7 @@ void install_controller_image(mcast_endpoint* ep, const char* path) {
   sys().sync();
   pause_ms(1000);
   reboot_sequence();
+  return true;
 }
 
 // Blocks until the programmer's child reports success on `fd` or goes
@@ -142,8 +140,8 @@ void wait_for_programmer(int fd) {
   }
 }
 
-void install_application_package(mcast_endpoint* ep, const char* path) {
-  if (!unzip_over_root(path, "child process creata failed\n", true)) return;
+bool install_application_package(mcast_endpoint* ep, const char* path) {
+  if (!unzip_over_root(path, "child process creata failed\n", true)) return false;
   sys().sync();
   pause_ms(500);
   DBG_INFO("application upgrade succeed\n");
@@ -151,7 +149,7 @@ void install_application_package(mcast_endpoint* ep, const char* path) {
     send_upgrade_ack(ep, wire::ACK_WRITE_FAILED);
     DBG_ERR("upgrade file failed\n");
     reboot_sequence();
-    return;
+    return true;
   }
   pause_ms(500);
   DBG_INFO("start upgrade u-boot\n");
@@ -173,7 +171,7 @@ void install_application_package(mcast_endpoint* ep, const char* path) {
     sys().sync();
     close(done[0]);
     close(done[1]);
-    return;
+    return false;
   }
   if (pid == 0) {
     close(done[0]);
@@ -185,7 +183,7 @@ void install_application_package(mcast_endpoint* ep, const char* path) {
       if (write(done[1], "1", 1) != 1) DBG_ERR("cannot tell the parent\n");
     }
     close(done[1]);
-    return;
+    return true;
   }
   close(done[1]);
   int status = 0;
@@ -203,9 +201,10 @@ void install_application_package(mcast_endpoint* ep, const char* path) {
   sys().sync();
   pause_ms(1000);
   reboot_sequence();
+  return true;
 }
 
-void install_whole_flash(mcast_endpoint* ep, const char* path, int file_size) {
+bool install_whole_flash(mcast_endpoint* ep, const char* path, int file_size) {
   DBG_INFO("current upgrademode is ALL_MTD\n");
   if (access(cam_path("/config_path/video.conf").c_str(), F_OK) == 0) {
     sys().shell("mkdir /data/upgrade_copy_conf");
@@ -217,7 +216,7 @@ void install_whole_flash(mcast_endpoint* ep, const char* path, int file_size) {
     DBG_ERR("image size 0x%x is shorter than mtd0, nothing written\n",
             static_cast<uint32_t>(file_size));
     answer_and_reboot(ep, wire::ACK_WRITE_FAILED);
-    return;
+    return true;
   }
   write_image_partitions(path, file_size);
   answer_installed(ep);
@@ -225,15 +224,16 @@ void install_whole_flash(mcast_endpoint* ep, const char* path, int file_size) {
   sys().sync();
   pause_ms(500);
   reboot_sequence();
+  return true;
 }
 
-void install_partition(mcast_endpoint* ep, const char* path, int index) {
+bool install_partition(mcast_endpoint* ep, const char* path, int index) {
   daemon_state_t& st = daemon_state;
   char dev_name[16];
   if (index >= st.mtd_num || !mtd_part_dev(index, dev_name, sizeof(dev_name))) {
     DBG_ERR("current upgrade: no mtd%d, nothing written\n", index);
     answer_and_reboot(ep, wire::ACK_WRITE_FAILED);
-    return;
+    return true;
   }
   const mtd_entry& m = st.mtd[index];
   DBG_INFO("current upgrade: %s%s\n", m.dev, m.name);
@@ -250,6 +250,7 @@ void install_partition(mcast_endpoint* ep, const char* path, int index) {
   sys().sync();
   pause_ms(1000);
   reboot_sequence();
+  return true;
 }
 
 }  // namespace
@@ -260,30 +261,22 @@ void send_upgrade_ack(mcast_endpoint* ep, char code) {
   mcast_send_data(ep, buf);
 }
 
-void install_upgrade_file(mcast_endpoint* ep, const char* path, int mode, int file_size) {
-  if (mode >= wire::MODE_PARTITION) {
-    install_partition(ep, path, mode - wire::MODE_PARTITION);
-    return;
+bool install_upgrade_file(mcast_endpoint* ep, const char* path, int mode, int file_size) {
+  if (mode < wire::MODE_SYSTEM) {
+    // A transfer-only run: the file stays in /dev, the camera stays up.
+    DBG_ERR("upgrade mode %d installs nothing\n", mode);
+    return false;
   }
+  remove(cam_path(kFinishFlag).c_str());
+  if (mode >= wire::MODE_PARTITION) return install_partition(ep, path, mode - wire::MODE_PARTITION);
   switch (mode) {
     case wire::MODE_SYSTEM:
-      install_system_package(ep, path);
-      break;
+      return install_system_package(ep, path);
     case wire::MODE_ARM:
-      install_controller_image(ep, path);
-      break;
+      return install_controller_image(ep, path);
     case wire::MODE_APP_ARM:
-      install_application_package(ep, path);
-      break;
-    case wire::MODE_ALL_MTD:
-      install_whole_flash(ep, path, file_size);
-      break;
+      return install_application_package(ep, path);
     default:
-      // Nothing to install, but the camera's programs were stopped for the
-      // transfer: a restart brings them back.
-      DBG_ERR("upgrade mode %d installs nothing\n", mode);
-      sys().sync();
-      reboot_sequence();
-      break;
+      return install_whole_flash(ep, path, file_size);
   }
 }

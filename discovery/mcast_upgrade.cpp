@@ -1,26 +1,31 @@
 // The multicast upgrade's announcement and transfer: one transfer at a time,
 // kept in one record under one lock (both listeners may hand in datagrams).
-// The lock is held through the installation: a second "CAMERA_UP" waits
-// until the camera reboots rather than clearing /dev under the installer.
+// The installation runs after the lock is released: while it runs, another
+// "CAMERA_UP" is answered '9' (or, a packet, dropped) at once, so neither
+// listener waits for the reboot and both go on answering searches.
 #include "discovery/mcast_upgrade.h"
 
 #include <fcntl.h>
 #include <sys/reboot.h>
+#include <sys/stat.h>
 #include <sys/statfs.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
 #include <cstdint>
 #include <cstring>
 #include <mutex>
 #include <string>
 
 #include "core/dbgout.h"
+#include "core/file_names.h"
+#include "core/fork_guard.h"
 #include "core/helpers.h"
 #include "core/platform.h"
 #include "core/upgrade.h"
 #include "discovery/identity.h"
 #include "discovery/mcast_install.h"
-#include "wire/file_name.h"
 #include "wire/upgrade.h"
 
 namespace {
@@ -37,10 +42,24 @@ struct upgrade_state {
   int mode = 0;
   int fd = -1;
   int count_pack = 0;
+  // Bytes of the file written so far: nothing past file_size is stored.
+  int64_t written = 0;
+};
+
+// A verified file waiting to be installed once the lock is released.
+struct install_job {
+  std::string path;
+  int mode = 0;
+  int file_size = 0;
 };
 
 std::mutex g_mu;
+// A child of the installers carries on as a copy of the listener.
+[[maybe_unused]] const int g_mu_fork_guard = guard_across_fork<g_mu>();
 upgrade_state g_up;
+// Set from a good md5 until the reboot (cleared again when nothing was
+// installed): announcements are answered '9', packets are dropped.
+std::atomic<bool> g_installing{false};
 
 bool debug_mode() { return daemon_state.work_mode.load() == WORK_DEBUG; }
 
@@ -53,8 +72,15 @@ void close_file() {
   g_up.fd = -1;
 }
 
+// Appends a packet's data. The announced size bounds the file ("/dev" is
+// RAM on the camera): what would pass it is not written, and the write fails
+// as a short one does.
 bool write_whole(const char* data, size_t len) {
-  return write(g_up.fd, data, len) == static_cast<ssize_t>(len);
+  const int64_t room = g_up.file_size - g_up.written;
+  const size_t fits = room <= 0 ? 0 : static_cast<size_t>(std::min<int64_t>(room, len));
+  ssize_t n = fits == 0 ? 0 : write(g_up.fd, data, fits);
+  if (n > 0) g_up.written += n;
+  return fits == len && n == static_cast<ssize_t>(len);
 }
 
 // '6' for a refused name or a wrong md5: the reply goes out, the file system
@@ -79,12 +105,24 @@ void clear_scratch_files() {
   sys().shell("rm -rf /dev/*.img");
 }
 
+// The name check of an announcement. A name that only holds characters a
+// shell acts on is refused ('6') but, when debugging, the announcement goes
+// on (every path is quoted in the shell lines); a name that could leave
+// "/dev/", is one of the daemon's own files or names a device never does.
+bool name_refused(mcast_endpoint* ep, const char* name) {
+  const name_verdict v = check_file_name("/dev", name);
+  if (v == name_verdict::ok) return false;
+  DBG_ERR("upgrade filename error!\n");
+  answer_refused(ep);
+  return v == name_verdict::refused || !debug_mode();
+}
+
 void handle_announcement(mcast_endpoint* ep, const char* msg) {
   if (check_uuid_bat(msg) != 0) {
     DBG_ERR("uuid check failed\n");
     return;
   }
-  if (mcast_upgrade_in_progress()) {
+  if (mcast_upgrade_in_progress() || g_installing.load()) {
     send_upgrade_ack(ep, wire::ACK_BUSY);
     return;
   }
@@ -93,23 +131,14 @@ void handle_announcement(mcast_endpoint* ep, const char* msg) {
   close_file();
   g_up.session[0] = '\0';
   const wire::announced_fields f = wire::read_announcement(msg);
-  // The session is the requester's ID in every acknowledgement from here
-  // on, the refusal of a bad name included.
-  set_upgrade_client_id(f.session.c_str());
   TRACE("filename:%s\n", f.file_name.c_str());
-  // The name becomes "/dev/" + name and goes into shell lines.
-  const bool bad_name = !is_safe_file_name(f.file_name.c_str());
-  if (bad_name) {
-    DBG_ERR("upgrade filename error!\n");
-    answer_refused(ep);
-    if (!debug_mode()) return;
-  }
+  // A refused name is answered under the previous requester's ID: the
+  // session becomes the requester only once the name has passed.
+  if (name_refused(ep, f.file_name.c_str())) return;
+  set_upgrade_client_id(f.session.c_str());
   DBG_INFO("cur_client_id_Upgrade:%s\n", f.session.c_str());
   DBG_INFO("upgrade_file_size:%d\n", f.file_size);
   if (f.mode) g_up.mode = *f.mode;
-  // A debugging camera reads the whole announcement but never stores a
-  // file under a refused name.
-  if (bad_name) return;
 
   clear_scratch_files();
   struct statfs fs;
@@ -117,7 +146,8 @@ void handle_announcement(mcast_endpoint* ep, const char* msg) {
   memset(&fs, 0, sizeof(fs));
   if (statfs(cam_path("/dev/").c_str(), &fs) == 0)
     free_bytes = static_cast<uint64_t>(fs.f_bfree) * static_cast<uint64_t>(fs.f_bsize);
-  if (static_cast<int64_t>(free_bytes) <= static_cast<int64_t>(f.file_size)) {
+  // A negative size is no size at all.
+  if (f.file_size < 0 || free_bytes <= static_cast<uint64_t>(f.file_size)) {
     DBG_ERR("statfsbuf.f_bfree=%d\n", static_cast<int>(fs.f_bfree));
     DBG_ERR("not enough disk space\n");
     send_upgrade_ack(ep, wire::ACK_NO_SPACE);
@@ -130,14 +160,15 @@ void handle_announcement(mcast_endpoint* ep, const char* msg) {
   copy_text(g_up.md5, sizeof(g_up.md5), f.md5.data(), f.md5.size());
   g_up.file_size = f.file_size;
   g_up.count_pack = 0;
+  g_up.written = 0;
   set_upgrade_client_id(g_up.session);
   send_upgrade_ack(ep, wire::ACK_READY);
   set_mcast_upgrade_in_progress(1);
 }
 
-// After the last packet: the md5 decides between '6' and '5', then the
-// file is installed by mode (not while debugging).
-void verify_and_install(mcast_endpoint* ep) {
+// After the last packet: the md5 decides between '6' and '5'; a good file
+// is handed out to be installed by mode (not while debugging).
+void verify(mcast_endpoint* ep, install_job* job) {
   const std::string path = stored_path();
   if (md5_verify(path.c_str(), g_up.md5) != 0) {
     DBG_ERR("destfile md5 verify failed\n");
@@ -147,14 +178,33 @@ void verify_and_install(mcast_endpoint* ep) {
   TRACE("md5 verify succeed\n");
   send_upgrade_ack(ep, wire::ACK_MD5_OK);
   if (debug_mode()) return;
-  install_upgrade_file(ep, path.c_str(), g_up.mode, g_up.file_size);
+  job->path = path;
+  job->mode = g_up.mode;
+  job->file_size = g_up.file_size;
+  g_installing = true;
+}
+
+// Opens the destination afresh. Whatever took the name in "/dev" since the
+// announcement is checked again: a link is never followed and nothing but a
+// regular file is written.
+int open_destination(const std::string& path) {
+  if (check_file_name("/dev", g_up.file_name) == name_verdict::refused) return -1;
+  int fd = open(cam_path(path).c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW,
+                0777);
+  struct stat st;
+  if (fd >= 0 && (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode))) {
+    close(fd);
+    fd = -1;
+  }
+  return fd;
 }
 
 void first_packet(mcast_endpoint* ep, const wire::packet_view& p) {
   close_file();  // a repeated first packet starts the file again
   const std::string path = stored_path();
   DBG_INFO("dstfilesavepath: %s\n", path.c_str());
-  g_up.fd = open(cam_path(path).c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0777);
+  g_up.written = 0;
+  g_up.fd = open_destination(path);
   if (g_up.fd < 0) {
     DBG_ERR("open %s failed\n", path.c_str());
     sys().sync();
@@ -180,7 +230,7 @@ void middle_packet(const wire::packet_view& p) {
   close_file();
 }
 
-void last_packet(mcast_endpoint* ep, const wire::packet_view& p) {
+void last_packet(mcast_endpoint* ep, const wire::packet_view& p, install_job* job) {
   ++g_up.count_pack;
   DBG_INFO("redata_len=%d,countPack=%d\n", static_cast<int>(p.len), g_up.count_pack);
   if (!write_whole(p.data, p.len)) {
@@ -191,12 +241,12 @@ void last_packet(mcast_endpoint* ep, const wire::packet_view& p) {
   }
   TRACE("file trans over\n");
   close_file();
-  verify_and_install(ep);
+  verify(ep, job);
 }
 
-void handle_packet(mcast_endpoint* ep, const char* buf, size_t len) {
+void handle_packet(mcast_endpoint* ep, const char* buf, size_t len, install_job* job) {
   const auto p = wire::parse_packet(buf, len);
-  if (!p || g_up.session[0] == '\0') return;
+  if (!p || g_up.session[0] == '\0' || g_installing.load()) return;
   char session[kIdLen] = {};
   memcpy(session, g_up.session, strnlen(g_up.session, kIdLen));
   if (memcmp(p->session.data(), session, kIdLen) != 0) return;  // another session's stream
@@ -208,7 +258,7 @@ void handle_packet(mcast_endpoint* ep, const char* buf, size_t len) {
       middle_packet(*p);
       break;
     case wire::kPacketLast:
-      last_packet(ep, *p);
+      last_packet(ep, *p, job);
       break;
     default:
       break;
@@ -218,14 +268,37 @@ void handle_packet(mcast_endpoint* ep, const char* buf, size_t len) {
 }  // namespace
 
 void handle_camera_upgrade(mcast_endpoint* ep, const char* buf, size_t len) {
-  std::lock_guard<std::mutex> lock(g_mu);
   // Field searches stop at the first NUL, as in every text command.
   const size_t text_len = strnlen(buf, len);
   const char* key = wire::kDeviceIdKey;
-  if (memmem(buf, text_len, key, strlen(key)) != nullptr) {
-    const std::string msg(buf, text_len);
-    handle_announcement(ep, msg.c_str());
-  } else {
-    handle_packet(ep, buf, len);
+  const bool announcement = memmem(buf, text_len, key, strlen(key)) != nullptr;
+  const std::string msg = announcement ? std::string(buf, text_len) : std::string();
+  if (g_installing.load()) {
+    if (!announcement) return;
+    if (check_uuid_bat(msg.c_str()) != 0) {
+      DBG_ERR("uuid check failed\n");
+      return;
+    }
+    send_upgrade_ack(ep, wire::ACK_BUSY);
+    return;
   }
+  install_job job;
+  {
+    std::lock_guard<std::mutex> lock(g_mu);
+    if (announcement)
+      handle_announcement(ep, msg.c_str());
+    else
+      handle_packet(ep, buf, len, &job);
+  }
+  if (job.path.empty()) return;
+  // Modes below 1 install nothing and leave the camera running; so does a
+  // failed fork. Every other outcome ends in the reboot.
+  if (!install_upgrade_file(ep, job.path.c_str(), job.mode, job.file_size)) g_installing = false;
+}
+
+void reset_mcast_upgrade() {
+  std::lock_guard<std::mutex> lock(g_mu);
+  close_file();
+  g_up = upgrade_state{};
+  g_installing = false;
 }

@@ -9,5 +9,8 @@
 
 // Handles one "CAMERA_UP" datagram heard on ep: an announcement when its
 // text holds "Device ID:", otherwise a transfer packet. Installation and the
-// reboot run on the calling thread.
+// reboot run on the calling thread, after the transfer's lock is released.
 void handle_camera_upgrade(mcast_endpoint* ep, const char* buf, size_t len);
+
+// Forgets the transfer and any installation (tests start each camera anew).
+void reset_mcast_upgrade();

@@ -85,9 +85,12 @@ class Transfer:
     batch group; acknowledgements are collected on the same socket."""
 
     def __init__(self, lan, cams, data, name="fw.zip", mode=1, md5=None, size=None,
-                 session=None, client=CLIENT):
+                 session=None, client=CLIENT, previous=""):
         self.lan, self.cams, self.data = lan, list(cams), data
         self.name, self.mode, self.client = name, mode, client
+        # The camera's previous requester (empty on a fresh daemon): a
+        # refused name is answered under that ID.
+        self.previous = previous
         self.md5 = md5 or hashlib.md5(data).hexdigest()
         self.size = len(data) if size is None else size
         self.session = session or secrets.token_hex(16)
@@ -121,10 +124,12 @@ class Transfer:
                 self.send(p)
 
     def _mine(self, reply):
-        # Another tool's '9' names that tool's client ID; every other
-        # acknowledgement names the upgrade's session.
+        # Another tool's '9' names that tool's client ID, a refused name the
+        # previous requester's; every other acknowledgement names the
+        # upgrade's session.
         return (reply.data.startswith(b"REPLYU DO")
-                and reply.fields().get("Client ID") in (self.session, self.client))
+                and reply.fields().get("Client ID") in (self.session, self.client,
+                                                        self.previous))
 
     def _collect(self, timeout, done):
         while not done():

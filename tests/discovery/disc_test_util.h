@@ -17,8 +17,10 @@
 #include <vector>
 
 #include "core/upgrade.h"
+#include "discovery/dhcp_status.h"
 #include "discovery/identity.h"
 #include "discovery/mcast.h"
+#include "discovery/mcast_upgrade.h"
 #include "fakes/fake_platform.h"
 
 inline const std::string kDevId = "0123456789abcdef0123456789abcdef";
@@ -112,7 +114,10 @@ inline void reset_camera_state() {
   fill_protocol_keywords();
   set_device_id(kDevId.c_str());
   set_client_id("");
+  set_upgrade_client_id("");
   set_mcast_upgrade_in_progress(0);
+  reset_mcast_upgrade();
+  reset_ipv4_address_ready();
   net_info_t zero{};
   set_net_info(zero);
 }

@@ -162,12 +162,13 @@ def test_every_refusal_and_a_guarded_transfer(start_camera, lan):
     with Transfer(lan, [cam], data, name="fw.img", size=999999999) as t:
         t.announce()
         assert t.ack(cam) == "1"  # more than /dev holds
-    with Transfer(lan, [cam], data, name="adir") as t:
+        first = t.session
+    # Answered under the previous requester's ID: /dev/adir is a directory.
+    with Transfer(lan, [cam], data, name="adir", previous=first) as t:
         t.announce()
-        assert t.ack(cam) == "0"
+        assert t.ack(cam) == "6"
         t.stream()
-        assert t.ack(cam) == "2"  # /dev/adir is a directory
-        cam.wait_line("open /dev/adir failed")
+    assert cam.exists("/dev/adir/keep")
 
     with Transfer(lan, [cam], data, name="fw.img") as t:
         t.announce()
@@ -201,23 +202,37 @@ def test_wrong_md5_or_refused_name_reboots_without_installing(start_camera, lan,
 # -- names from the network
 
 
-HOSTILE = ["a;reboot", "../customer/evil", "x/y.zip", "a b.zip", "$(touch /tmp/pwned)",
-           "`reboot`", "a|b", "a&b", "a<b", "a>b", "'q'", '"q"', "a\\b", "a?", "a\tb", "..", ""]
+# Names that could leave /dev or name something that is not a new file there.
+ESCAPING = ["../customer/evil", "x/y.zip", "a\tb", "..", "", "$(touch /tmp/pwned)", "null",
+            "fw_setenv", "mtd_upgrade"]
+# Names refused only for what a shell would make of them.
+SHELL_ONLY = ["a;reboot", "a b.zip", "$(touch pwned)", "`reboot`", "a|b", "a&b", "a<b", "a>b",
+              "'q'", '"q"', "a\\b", "a?"]
 
 
 def test_hostile_names_refused_and_nothing_written_outside_dev(start_camera, lan):
     cam = ready_camera(start_camera, lan, word="DEBUG")
-    for name in HOSTILE:
+    for name in ESCAPING:
         with Transfer(lan, [cam], b"payload", name=name) as t:
             t.announce()
             assert t.ack(cam) == "6", name
             t.stream()
+    # A debugging camera goes on after a name refused only for shell
+    # characters: the file is stored under its very name and no shell acts
+    # on it (every path is quoted).
+    previous = ""
+    for name in SHELL_ONLY:
+        with Transfer(lan, [cam], b"payload", name=name, previous=previous) as t:
+            t.announce()
+            assert [t.ack(cam), t.ack(cam)] == ["6", "0"], name
+            t.stream()
+            assert t.ack(cam) == "5", name
+            previous = t.session
+        assert cam.read("/dev/" + name) == b"payload", name
     # Datagrams are handled in order: once a good transfer is verified, every
     # packet sent under a refused name has been seen (and dropped).
     upgrade(lan, cam, b"good", "good.bin", 1, ["0", "5"])
-    assert cam.stderr().count("upgrade filename error!") == len(HOSTILE)
-    for path in ("/customer/evil", "/tmp/pwned", "/dev/x/y.zip", "/dev/a b.zip"):
+    assert cam.stderr().count("upgrade filename error!") == len(ESCAPING) + len(SHELL_ONLY)
+    for path in ("/customer/evil", "/tmp/pwned", "/pwned", "/dev/pwned", "/dev/x/y.zip"):
         assert not cam.exists(path), path
-    stored = [p.name for p in cam.path("/dev").iterdir()
-              if p.is_file() and p.read_bytes() == b"payload"]
-    assert stored == []
+    assert cam.read("/dev/fw_setenv") != b"payload"

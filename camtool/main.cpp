@@ -8,6 +8,7 @@
 #include "camtool/broadcast.h"
 #include "camtool/commands.h"
 #include "camtool/finder.h"
+#include "camtool/keys.h"
 #include "camtool/net.h"
 #include "camtool/partner.h"
 #include "camtool/status.h"
@@ -203,6 +204,20 @@ int main(int argc, char** argv) {
       "Every action but test-enable is ignored until 'test-enable on' has been sent; the\n"
       "camera never switches production mode off again.");
 
+  // Site keys and signatures (no network).
+  key_new_options kn;
+  auto* key = app.add_subcommand("key", "site keys: Ed25519 key pairs in the release signer's format");
+  key->require_subcommand(1);
+  auto* key_new = key->add_subcommand("new", "make NAME.key (secret, mode 0600) and NAME.pub");
+  key_new->add_option("NAME", kn.name, "the files' name without extension")->required();
+  key_new->add_flag("--no-passphrase", kn.no_passphrase, "leave the secret key unencrypted");
+  key_new->add_flag("--force", kn.force, "replace existing files");
+  sign_options sg;
+  auto* sign = app.add_subcommand("sign", "write a detached signature of a file (FILE.minisig)");
+  sign->add_option("FILE", sg.file, "the file to sign")->required();
+  sign->add_option("--key", sg.key_file, "secret key file")->required();
+  sign->add_option("--output", sg.output, "signature file (default: FILE.minisig)");
+
   // status
   status_options st;
   auto* status = with_json(app.add_subcommand("status", "list post-upgrade reports and confirm them"), s);
@@ -220,6 +235,8 @@ int main(int argc, char** argv) {
   install_interrupt_handler();
   const std::string client_id = random_id();
   try {
+    if (key_new->parsed()) return cmd_key_new(kn, terminal_passphrase(), std::cout);
+    if (sign->parsed()) return cmd_sign(sg, terminal_passphrase(), std::cout);
     if (search->parsed()) {
       so.json = s.json;
       lazy_lan lan(lan_opener(s, {channel::search, channel::batch}));

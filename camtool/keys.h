@@ -1,0 +1,42 @@
+// Site keys and signatures on the technician's side: `camtool key new`
+// makes a key pair and `camtool sign` a detached signature, both in the
+// files a release pipeline's signer reads and writes.
+#pragma once
+
+#include <functional>
+#include <ostream>
+#include <string>
+
+#include "wire/signature.h"
+
+namespace camtool {
+
+// Asks for a passphrase (prompt shown on the terminal); "" for none.
+using passphrase_source = std::function<std::string(const std::string& prompt)>;
+// From the terminal with echo off, or the first line of stdin when it is not one.
+passphrase_source terminal_passphrase();
+
+struct key_new_options {
+  std::string name;         // writes NAME.key (mode 0600) and NAME.pub
+  bool no_passphrase = false;
+  bool force = false;       // overwrite existing files
+  wire::kdf_cost cost = wire::kdf_cost::sensitive;
+};
+// 0, or throws tool_error.
+int cmd_key_new(const key_new_options& o, const passphrase_source& ask, std::ostream& out);
+
+// Reads a secret key file, asking for its passphrase when it has one.
+wire::secret_key load_secret_key(const std::string& path, const passphrase_source& ask);
+
+// A detached "ED" signature of the file at `path`, trusted comment as the
+// signer writes it ("timestamp:<s>\tfile:<base name>\thashed").
+std::string sign_file(const std::string& path, const wire::secret_key& key);
+
+struct sign_options {
+  std::string file;
+  std::string key_file;
+  std::string output;  // default FILE.minisig
+};
+int cmd_sign(const sign_options& o, const passphrase_source& ask, std::ostream& out);
+
+}  // namespace camtool

@@ -23,6 +23,7 @@
 #include "core/fork_guard.h"
 #include "core/helpers.h"
 #include "core/platform.h"
+#include "core/site_keys.h"
 #include "core/upgrade.h"
 #include "discovery/identity.h"
 #include "discovery/mcast_install.h"
@@ -85,8 +86,15 @@ bool write_whole(const char* data, size_t len) {
 
 // '6' for a refused name or a wrong md5: the reply goes out, the file system
 // is synced and, unless debugging, the camera reboots.
-void answer_refused(mcast_endpoint* ep) {
-  send_upgrade_ack(ep, wire::ACK_MD5_BAD);
+void answer_refused(mcast_endpoint* ep, const char* reason = nullptr) {
+  if (reason == nullptr) {
+    send_upgrade_ack(ep, wire::ACK_MD5_BAD);
+  } else {
+    char buf[256];
+    build_upgrade_ack(buf, wire::ACK_MD5_BAD);
+    const std::string msg = std::string(buf) + "\r\n" + wire::kReasonKey + reason;
+    mcast_send_data(ep, msg.c_str());
+  }
   sys().sleep_us(kRefusePauseUs);
   sys().sync();
   sys().sleep_us(kRefusePauseUs);
@@ -176,11 +184,21 @@ void verify(mcast_endpoint* ep, install_job* job) {
     return;
   }
   TRACE("md5 verify succeed\n");
+  // A keyed camera installs only what a site key signed: the signature
+  // travels at the end of the file and is cut off before anything else.
+  uint64_t payload = static_cast<uint64_t>(g_up.file_size);
+  const signature_check sig = take_signature_trailer(path, &payload);
+  if (!sig.ok) {
+    DBG_ERR("signature check failed: %s\n", sig.why.c_str());
+    TRACE("signature check failed: %s\n", sig.why.c_str());
+    answer_refused(ep, wire::kReasonSignature);
+    return;
+  }
   send_upgrade_ack(ep, wire::ACK_MD5_OK);
   if (debug_mode()) return;
   job->path = path;
   job->mode = g_up.mode;
-  job->file_size = g_up.file_size;
+  job->file_size = static_cast<int>(payload);
   g_installing = true;
 }
 

@@ -12,6 +12,7 @@
 #include "core/dbgout.h"
 #include "core/helpers.h"
 #include "core/platform.h"
+#include "core/site_keys.h"
 #include "core/upgrade.h"
 #include "install/image_layout.h"
 #include "install/mtd_debug.h"
@@ -128,6 +129,15 @@ void mtd_upgrade_install() {
   bool quiet = false;
 
   const std::string image = find_image();
+  // A keyed camera writes only an image that a site key signed
+  // (image + ".minisig" beside it); a refused image is not written.
+  const signature_check sig = image.empty() ? signature_check{true, ""} : check_detached_signature(image);
+  if (!sig.ok) {
+    DBG_ERR("signature check failed: %s\n", sig.why.c_str());
+    TRACE_DATA("signature check failed: %s\n", sig.why.c_str());
+    reboot_sequence();
+    return;
+  }
   if (!image.empty()) {
     TRACE_DATA("filename: %s\n", image.c_str());
     int ret = kill_pid_main();

@@ -12,12 +12,14 @@
 #include <atomic>
 #include <cstdio>
 #include <cstring>
+#include <string_view>
 #include <string>
 
 #include "core/file_names.h"
 #include "core/dbgout.h"
 #include "core/helpers.h"
 #include "core/platform.h"
+#include "core/site_keys.h"
 #include "core/upgrade.h"
 #include "discovery/identity.h"
 #include "install/image_layout.h"
@@ -69,6 +71,7 @@ bool find_image(std::string* name) {
     struct stat st;
     if (stat(cam_path(full).c_str(), &st) != 0 || S_ISDIR(st.st_mode)) continue;
     if (strstr(ent->d_name, ".img") == nullptr) continue;
+    if (std::string_view(ent->d_name).ends_with(".minisig")) continue;  // an image's signature
     *name = ent->d_name;
     break;
   }
@@ -210,6 +213,14 @@ int udisk_upgrade_poll() {
   if (daemon_state.mtd_num > 0 && get_file_size(image.c_str()) < mtd_part_size(0)) {
     // A cut-off image would leave the boot loader half written.
     DBG_ERR("%s is shorter than mtd0\n", image.c_str());
+    refuse();
+    return 0;
+  }
+
+  const signature_check sig = check_detached_signature(image);
+  if (!sig.ok) {
+    DBG_ERR("signature check failed: %s\n", sig.why.c_str());
+    TRACE_DATA("signature check failed: %s\n", sig.why.c_str());
     refuse();
     return 0;
   }

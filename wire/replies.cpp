@@ -56,7 +56,8 @@ std::optional<upgrade_ack> parse_upgrade_ack(std::string_view text) {
   auto f = reply_fields(text);
   const std::string* ack = field(f, "Ack");
   if (ack == nullptr || ack->size() != 1) return std::nullopt;
-  return upgrade_ack{field_or_empty(f, "Client ID"), field_or_empty(f, "Device ID"), (*ack)[0]};
+  return upgrade_ack{field_or_empty(f, "Client ID"), field_or_empty(f, "Device ID"), (*ack)[0],
+                     field_or_empty(f, "Reason")};
 }
 
 std::optional<status_report> parse_status_report(std::string_view text) {

@@ -25,6 +25,7 @@ std::optional<camera_record> parse_search_reply(std::string_view text);
 struct upgrade_ack {
   std::string client_id, device_id;
   char code = 0;
+  std::string reason;  // "Reason:" after a '6' from a keyed camera ("signature")
 };
 std::optional<upgrade_ack> parse_upgrade_ack(std::string_view text);
 

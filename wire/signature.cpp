@@ -233,6 +233,23 @@ sig_verdict verify_prehashed(const std::vector<public_key>& keys, const detached
   return check(*key, sig, hash.data(), hash.size());
 }
 
+std::string build_trailer(std::string_view signature_text) {
+  std::string t(signature_text);
+  uint8_t len[4];
+  for (int i = 0; i < 4; ++i) len[i] = static_cast<uint8_t>(signature_text.size() >> (8 * i));
+  t.append(reinterpret_cast<const char*>(len), 4);
+  t.append(kTrailerMagic);
+  return t;
+}
+
+std::optional<size_t> trailer_signature_length(const uint8_t* tail, uint64_t file_size) {
+  if (file_size < kTrailerFixed) return std::nullopt;
+  if (memcmp(tail + 4, kTrailerMagic.data(), kTrailerMagic.size()) != 0) return std::nullopt;
+  size_t len = tail[0] | (tail[1] << 8) | (tail[2] << 16) | (static_cast<size_t>(tail[3]) << 24);
+  if (len == 0 || len > kTrailerSignatureMax || len > file_size - kTrailerFixed) return std::nullopt;
+  return len;
+}
+
 key_pair generate_key_pair() {
   init_sodium();
   key_pair kp;

@@ -75,6 +75,18 @@ sig_verdict verify_signature(const std::vector<public_key>& keys, const detached
 sig_verdict verify_prehashed(const std::vector<public_key>& keys, const detached_signature& sig,
                              const std::array<uint8_t, 64>& hash);
 
+// A signature carried at the end of the file it signs, so that a transfer
+// moves both as one file: payload, signature file text, the text's length
+// (4 bytes, little-endian) and kTrailerMagic. The md5 covers all of it.
+inline constexpr std::string_view kTrailerMagic = "CAMSIG01";
+inline constexpr size_t kTrailerFixed = 4 + kTrailerMagic.size();
+inline constexpr size_t kTrailerSignatureMax = 2048;
+std::string build_trailer(std::string_view signature_text);
+// The signature text's length from the last kTrailerFixed bytes of a file of
+// `file_size` bytes; nothing when they are not a trailer's end or the text
+// would not fit in the file.
+std::optional<size_t> trailer_signature_length(const uint8_t* tail, uint64_t file_size);
+
 // Making keys and signatures (the LAN tool).
 struct key_pair {
   public_key pub;

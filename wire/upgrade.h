@@ -49,6 +49,11 @@ enum ack_code : char {
   ACK_BUSY = '9',          // another upgrade is in progress
 };
 
+// A keyed camera's '6' for a file whose signature it refused carries
+// "\r\nReason:signature" after the code (a camera without keys never sends it).
+inline constexpr const char* kReasonKey = "Reason:";
+inline constexpr const char* kReasonSignature = "signature";
+
 // Upgrade modes; 5 and above write partition (mode - 5).
 enum upgrade_mode : int {
   MODE_SYSTEM = 1,    // zip package unpacked over /

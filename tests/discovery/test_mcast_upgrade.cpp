@@ -13,6 +13,7 @@
 
 #include "disc_test_util.h"
 #include "discovery/commands.h"
+#include "wire/signature.h"
 #include "wire/upgrade.h"
 
 namespace {
@@ -252,3 +253,34 @@ TEST_F(McastUpgrade, AnnouncementWithoutModeKeepsThePreviousOne) {
 }
 
 }  // namespace
+
+// A keyed camera: a file without a good signature is answered '6' with the
+// reason, the camera reboots and nothing is installed or cut; a signed one
+// loses its signature trailer before '5'.
+TEST_F(McastUpgrade, KeyedCameraTakesOnlyWhatASiteKeySigned) {
+  daemon_state.work_mode = WORK_NORMAL;
+  wire::key_pair site = wire::generate_key_pair(), stranger = wire::generate_key_pair();
+  cam.write("/customer/keys/site.pub", wire::format_public_key(site.pub));
+  const std::string payload = "PK\x03\x04 package bytes";
+  auto signed_by = [&](const wire::key_pair& k) {
+    wire::prehash h;
+    h.update(payload.data(), payload.size());
+    return payload + wire::build_trailer(wire::format_signature(
+                         wire::sign_prehashed(k.sec, h.final(), "file:pkg.zip")));
+  };
+  int reboots = 0;
+  for (const std::string& data : {payload, signed_by(stranger)}) {
+    transfer("pkg.zip", 1, data);
+    auto r = loop.reply(300);
+    ASSERT_TRUE(r);
+    EXPECT_NE(r->find("\r\nAck:6\r\nReason:signature"), std::string::npos) << *r;
+    EXPECT_EQ(cam.platform().reboots(), ++reboots);
+    EXPECT_EQ(cam.read("/dev/pkg.zip"), data);
+  }
+  for (const std::string& ev : cam.platform().events()) EXPECT_EQ(ev.find("unzip"), std::string::npos) << ev;
+
+  transfer("pkg.zip", 0, signed_by(site));
+  EXPECT_EQ(ack(), kSession + " 5");
+  EXPECT_EQ(cam.read("/dev/pkg.zip"), payload);
+  EXPECT_EQ(cam.platform().reboots(), reboots);
+}

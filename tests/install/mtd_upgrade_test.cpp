@@ -6,6 +6,7 @@
 #include <filesystem>
 
 #include "install_fixture.h"
+#include "wire/signature.h"
 
 namespace {
 
@@ -216,6 +217,27 @@ TEST_F(MtdUpgradeTest, RefusedNamesRebootWithoutTouchingFlash) {
     EXPECT_FALSE(cam.exists("/data/old.cfg"));
     EXPECT_EQ(1, cam.platform().reboots());
   }
+}
+
+// A keyed camera writes only an image whose signature beside it a site key
+// made; without one it reboots with the flash untouched.
+TEST_F(MtdUpgradeTest, KeyedCameraRebootsWithoutWritingAnUnsignedImage) {
+  partitions(kLayout, kEb);
+  wire::key_pair site = wire::generate_key_pair();
+  cam.write("/customer/keys/site.pub", wire::format_public_key(site.pub));
+  image(pattern(0x20000, 3), "fw.img");
+  EXPECT_THAT(install(), HasSubstr("signature check failed: no signature /dev/fw.img.minisig"));
+  EXPECT_EQ(0, flash.operations());
+  EXPECT_EQ(1, cam.platform().reboots());
+
+  const std::string bytes = cam.read("/dev/fw.img");
+  wire::prehash h;
+  h.update(bytes.data(), bytes.size());
+  cam.write("/dev/fw.img.minisig",
+            wire::format_signature(wire::sign_prehashed(site.sec, h.final(), "file:fw.img")));
+  install();
+  EXPECT_NE(0, flash.operations());
+  EXPECT_EQ(2, cam.platform().reboots());
 }
 
 TEST_F(MtdUpgradeTest, MissingWrongOrShortImageStillReboots) {

@@ -6,6 +6,7 @@
 #include <filesystem>
 
 #include "install_fixture.h"
+#include "wire/signature.h"
 
 namespace {
 
@@ -127,6 +128,29 @@ TEST_F(UdiskTest, RefusalsReportStatusTwoAndKeepWaiting) {
   std::filesystem::remove(cam.path("/mnt/usb/fw_K2.img"));
   cam.write("/mnt/usb/fw_K1.img", as_text(pattern(0x7FFFF, 4)));
   EXPECT_EQ(0, poll());
+  expect_refused({2});
+}
+
+// A keyed camera refuses a disk image without a good signature beside it
+// as it refuses a wrong model; the signature file itself is never taken for
+// the image.
+TEST_F(UdiskTest, KeyedCameraRefusesAnUnsignedDiskImage) {
+  wire::key_pair site = wire::generate_key_pair(), other = wire::generate_key_pair();
+  cam.write("/customer/keys/site.pub", wire::format_public_key(site.pub));
+  const std::string bytes = as_text(pattern(0x80000, 3));
+  cam.write("/mnt/usb/fw_K1.img", bytes);
+  std::string out;
+  EXPECT_EQ(0, poll(&out));
+  EXPECT_THAT(out, HasSubstr("signature check failed"));
+  expect_refused({2});
+
+  again();
+  wire::prehash h;
+  h.update(bytes.data(), bytes.size());
+  cam.write("/mnt/usb/fw_K1.img.minisig",
+            wire::format_signature(wire::sign_prehashed(other.sec, h.final(), "file:fw_K1.img")));
+  EXPECT_EQ(0, poll(&out));
+  EXPECT_THAT(out, HasSubstr("signature check failed"));
   expect_refused({2});
 }
 

@@ -2,6 +2,7 @@
 // NUL-terminated copy of the datagram, so no search passes its end.
 #include "discovery/broadcast.h"
 
+
 #include <arpa/inet.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -11,6 +12,7 @@
 #include <string>
 
 #include "core/dbgout.h"
+#include "discovery/command_auth.h"
 #include "discovery/identity.h"
 #include "discovery/mcast.h"
 #include "wire/broadcast.h"
@@ -58,6 +60,7 @@ int discovery(broadcast_ctx* ctx) {
 int netconfig(broadcast_ctx* ctx, const char* msg) {
   BR_INFO("receive camera netconfig command\n");
   if (!addressed(msg)) return 0;
+  if (refuse_unsigned_change("broadcast netconfig")) return 0;
   // Stored for the network scripts' next start; nothing is restarted here.
   read_net_info_only_deviceid(msg);
   char dev[kIdLen + 1];
@@ -70,6 +73,7 @@ void production_off() { BR_INFO("production_mode_enable == 0\n"); }
 int production(const char* msg) {
   BR_INFO("receive production mode command\n");
   if (!addressed(msg)) return 0;
+  if (refuse_unsigned_change("broadcast production mode")) return 0;
   bool on = g_production_mode.load() == 1;
   if (has(msg, wb::kActionTestEnable)) {
     if (has(msg, wb::kEnableOn)) {

@@ -3,17 +3,20 @@
 // so no search runs past the bytes received.
 #include "discovery/commands.h"
 
+
 #include <sys/reboot.h>
 
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <optional>
 #include <string>
 
 #include "core/dbgout.h"
 #include "core/helpers.h"
 #include "core/platform.h"
 #include "core/upgrade.h"
+#include "discovery/command_auth.h"
 #include "discovery/identity.h"
 #include "discovery/mcast_upgrade.h"
 #include "discovery/oem_serial.h"
@@ -95,6 +98,8 @@ void build_search_reply(char* reply, const char* msg, size_t len, bool ipv6) {
   reply_add(reply, "\r\nLUM_Serial_No=%s", serial);
   reply_add(reply, "\r\nIP=%s\r\nMASK=%s\r\nGATEWAY=%s\r\nMAC=%s\r\nFDNS=%s", ni.ipaddr, ni.netmask,
             ni.gateway, ni.macaddr, ni.fdns);
+  const std::string challenge = current_challenge();
+  if (!challenge.empty()) reply_add(reply, "\r\nCHALLENGE=%s", challenge.c_str());
 }
 
 void handle_search(mcast_endpoint* ep, const char* msg, size_t len) {
@@ -269,6 +274,13 @@ void mcast_receive(mcast_endpoint* ep, const char* buf, size_t len) {
   }
   // A NUL-terminated copy: every search below stops at the datagram's end.
   std::string copy = len > 0 ? std::string(buf, len) : std::string();
+  if (code == KW_CONFIGNET || code == KW_CAMERA_RE || code == KW_LUMCONFIG ||
+      code == KW_CAMERA_FL || code == KW_BOARD_TES) {
+    // A keyed camera runs a changing command only when a site key signed it.
+    std::optional<size_t> body = admit_command(copy.c_str(), copy.size());
+    if (!body) return;
+    copy.resize(*body);
+  }
   const char* msg = copy.c_str();
   switch (code) {
     case KW_SEARCH:

@@ -20,6 +20,7 @@
 #include "core/dbgout.h"
 #include "core/helpers.h"
 #include "core/platform.h"
+#include "discovery/command_auth.h"
 #include "discovery/commands.h"
 #include "discovery/mcast.h"
 #include "partner/mira_net.h"
@@ -141,6 +142,7 @@ void handle_set(const uint8_t* datagram, size_t length) {
   if (!req) return short_frame(length);
   RX_INFO("SerialNumber: %s\n", req->serial.c_str());
   if (!addressed(req->serial)) return;
+  if (refuse_unsigned_change("partner network set")) return;
   int dhcp;
   if (req->connection_type == wp::kConnStatic) {
     RX_INFO("CONNECT_TYPE_STATICIP\n");

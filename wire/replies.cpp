@@ -48,6 +48,7 @@ std::optional<camera_record> parse_search_reply(std::string_view text) {
   r.gateway = field_or_empty(f, "GATEWAY");
   r.mac = field_or_empty(f, "MAC");
   r.fdns = field_or_empty(f, "FDNS");
+  r.challenge = field_or_empty(f, "CHALLENGE");
   return r;
 }
 

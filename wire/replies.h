@@ -15,6 +15,7 @@ namespace wire {
 // "REPLY OK " (fields absent from the reply stay empty).
 struct camera_record {
   std::string device_id, client_id, ip, netmask, gateway, mac, fdns, version, model, serial;
+  std::string challenge;  // "CHALLENGE=": a keyed camera's (commands to it are signed over it)
   bool dhcp = false;
   uint64_t uptime = 0;
 };

@@ -189,6 +189,7 @@ const char* sig_verdict_text(sig_verdict v) {
     case sig_verdict::unknown_key: return "signed by an unknown key";
     case sig_verdict::bad_signature: return "signature does not match the file";
     case sig_verdict::bad_comment: return "trusted comment was altered";
+    case sig_verdict::missing: return "not signed";
   }
   return "?";
 }
@@ -248,6 +249,55 @@ std::optional<size_t> trailer_signature_length(const uint8_t* tail, uint64_t fil
   size_t len = tail[0] | (tail[1] << 8) | (tail[2] << 16) | (static_cast<size_t>(tail[3]) << 24);
   if (len == 0 || len > kTrailerSignatureMax || len > file_size - kTrailerFixed) return std::nullopt;
   return len;
+}
+
+std::string new_challenge() {
+  init_sodium();
+  uint8_t raw[kChallengeLen / 2];
+  randombytes_buf(raw, sizeof raw);
+  char hex[kChallengeLen + 1];
+  sodium_bin2hex(hex, sizeof hex, raw, sizeof raw);
+  return hex;
+}
+
+namespace {
+std::string command_message(std::string_view body, std::string_view challenge) {
+  return std::string(body) + std::string(kChallengeKey) + std::string(challenge);
+}
+}  // namespace
+
+std::string sign_command(const secret_key& key, std::string_view command,
+                         std::string_view challenge) {
+  init_sodium();
+  const std::string m = command_message(command, challenge);
+  uint8_t raw[2 + kKeyIdLen + 64];
+  memcpy(raw, kAlgEd, 2);
+  memcpy(raw + 2, key.id.data(), kKeyIdLen);
+  crypto_sign_detached(raw + 2 + kKeyIdLen, nullptr, reinterpret_cast<const uint8_t*>(m.data()),
+                       m.size(), key.sk.data());
+  return std::string(command) + std::string(kCommandSigKey) + encode(raw, sizeof raw);
+}
+
+sig_verdict verify_command(const std::vector<public_key>& keys, std::string_view text,
+                           std::string_view challenge, size_t* body_len) {
+  size_t at = text.rfind(kCommandSigKey);
+  *body_len = at == std::string_view::npos ? text.size() : at;
+  if (at == std::string_view::npos) return sig_verdict::missing;
+  uint8_t raw[2 + kKeyIdLen + 64];
+  std::string_view b64 = text.substr(at + kCommandSigKey.size());
+  while (!b64.empty() && (b64.back() == '\r' || b64.back() == '\n' || b64.back() == '\0'))
+    b64.remove_suffix(1);
+  if (!decode_exact(b64, raw, sizeof raw) || memcmp(raw, kAlgEd, 2) != 0)
+    return sig_verdict::bad_signature;
+  key_id id;
+  memcpy(id.data(), raw + 2, kKeyIdLen);
+  const public_key* key = find_key(keys, id);
+  if (key == nullptr) return sig_verdict::unknown_key;
+  const std::string m = command_message(text.substr(0, at), challenge);
+  if (crypto_sign_verify_detached(raw + 2 + kKeyIdLen, reinterpret_cast<const uint8_t*>(m.data()),
+                                  m.size(), key->pk.data()) != 0)
+    return sig_verdict::bad_signature;
+  return sig_verdict::good;
 }
 
 key_pair generate_key_pair() {

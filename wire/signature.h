@@ -54,6 +54,7 @@ enum class sig_verdict {
   unknown_key,      // signed by a key that is not among the trusted ones
   bad_signature,    // the file does not match its signature
   bad_comment,      // the trusted comment was changed
+  missing,          // nothing signed it
 };
 const char* sig_verdict_text(sig_verdict v);
 
@@ -86,6 +87,21 @@ std::string build_trailer(std::string_view signature_text);
 // `file_size` bytes; nothing when they are not a trailer's end or the text
 // would not fit in the file.
 std::optional<size_t> trailer_signature_length(const uint8_t* tail, uint64_t file_size);
+
+// Commands to a keyed camera end in kCommandSigKey and the base64 of "Ed",
+// the key ID and the Ed25519 signature of the command before it followed by
+// kChallengeKey and the challenge the camera published in its search reply
+// (so a captured command is worth nothing once the challenge has changed).
+inline constexpr std::string_view kCommandSigKey = "\r\nSig:";
+inline constexpr std::string_view kChallengeKey = "\r\nChallenge:";
+inline constexpr size_t kChallengeLen = 32;  // hexadecimal digits
+std::string new_challenge();
+std::string sign_command(const secret_key& key, std::string_view command,
+                         std::string_view challenge);
+// `*body_len` is the command's length without its signature (the whole
+// text when there is none).
+sig_verdict verify_command(const std::vector<public_key>& keys, std::string_view text,
+                           std::string_view challenge, size_t* body_len);
 
 // Making keys and signatures (the LAN tool).
 struct key_pair {

@@ -20,6 +20,7 @@
 #include "discovery/dhcp_status.h"
 #include "discovery/identity.h"
 #include "discovery/mcast.h"
+#include "discovery/command_auth.h"
 #include "discovery/mcast_upgrade.h"
 #include "fakes/fake_platform.h"
 
@@ -117,6 +118,7 @@ inline void reset_camera_state() {
   set_upgrade_client_id("");
   set_mcast_upgrade_in_progress(0);
   reset_mcast_upgrade();
+  reset_command_auth();
   reset_ipv4_address_ready();
   net_info_t zero{};
   set_net_info(zero);

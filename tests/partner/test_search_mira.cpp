@@ -1,6 +1,7 @@
 #include <sys/reboot.h>
 
 #include "partner_test_util.h"
+#include "wire/signature.h"
 
 namespace {
 
@@ -109,6 +110,17 @@ TEST_F(Search, SetRewritesNetConfAnswersAndReboots) {
   EXPECT_EQ(recv_text(control, 0), std::string("\x88\x0b\x01\xaa\xff"));
   EXPECT_EQ(last_events(cam, 4),
             (std::vector<std::string>{"sync", "sleep:2000000", "sleep:5000000", "reboot"}));
+}
+
+// A keyed camera: the partner's frames carry no signature, so a set changes
+// nothing (searches and queries stay open).
+TEST_F(Search, KeyedCameraRefusesSetsItCannotAuthenticate) {
+  cam.write("/customer/keys/site.pub", wire::format_public_key(wire::generate_key_pair().pub));
+  const std::string before = cam.read("/data/net.conf");
+  receive(vec(wp::encode_net_set(dhcp_set(kDevId))));
+  EXPECT_TRUE(net.sent.empty());
+  EXPECT_EQ(cam.read("/data/net.conf"), before);
+  EXPECT_EQ(cam.platform().reboots(), 0);
 }
 
 TEST_F(Search, SetRefusedForOtherCamerasShortFramesAndUnknownTypes) {

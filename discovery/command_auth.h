@@ -23,4 +23,11 @@ std::optional<size_t> admit_command(const char* msg, size_t len);
 // mode): true, logged with `what`, when the camera has keys.
 bool refuse_unsigned_change(const char* what);
 
+// "CAMERA_KY": adds ("\r\nAdd:" and a public key's base64 line) or removes
+// ("\r\nRemove:" and a key ID) a site key. A camera without keys takes its
+// first key from any tool on the LAN; a keyed camera only a signed command.
+// The reply "CAMERA_KY" with the IDs and "\r\nResult:" ok or refused.
+inline constexpr const char* kKeyCommand = "CAMERA_KY";
+void handle_key_command(struct mcast_endpoint* ep, const char* msg, size_t len);
+
 void reset_command_auth();

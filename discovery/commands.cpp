@@ -11,6 +11,7 @@
 #include <cstring>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "core/dbgout.h"
 #include "core/helpers.h"
@@ -264,6 +265,10 @@ int keyword_code_of(const char* buf, size_t len) {
 }
 
 void mcast_receive(mcast_endpoint* ep, const char* buf, size_t len) {
+  if (std::string_view(buf, len).starts_with(kKeyCommand)) {
+    handle_key_command(ep, buf, len);
+    return;
+  }
   int code = keyword_code_of(buf, len);
   if (code >= KW_EMPTY) return;
   // Transfer packets carry binary data: the upgrade reads the datagram

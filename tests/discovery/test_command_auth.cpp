@@ -5,6 +5,8 @@
 
 #include "disc_test_util.h"
 #include "discovery/broadcast.h"
+#include "core/site_keys.h"
+#include "discovery/command_auth.h"
 #include "discovery/commands.h"
 #include "wire/broadcast.h"
 #include "wire/replies.h"
@@ -77,6 +79,58 @@ TEST_F(KeyedCamera, UnsignedProtocolsChangeNothingButStillAnswerDiscovery) {
   EXPECT_GT(broadcast_receive(&ctx, "Discovery camera"), 0);
   close(ctx.sock);
   close(tool);
+}
+
+}  // namespace
+
+namespace {
+
+struct KeyInstall : CameraFixtureBase, ::testing::Test {
+  LoopEndpoint loop;
+  void receive(const std::string& d) { mcast_receive(&loop.ep, d.data(), d.size()); }
+  std::string key_command(const std::string& field) {
+    return std::string(kKeyCommand) + "\r\nDevice ID:" + kDevId + "\r\nClient ID:" + kCliId + field;
+  }
+  std::string result() {
+    auto r = loop.reply();
+    if (!r) return "";
+    return r->substr(r->rfind("Result:") + 7);
+  }
+  static std::string pub_line(const wire::key_pair& k) {
+    std::string f = wire::format_public_key(k.pub);
+    return f.substr(f.find('\n') + 1, f.size() - f.find('\n') - 2);
+  }
+};
+
+// The first key comes from anyone; after that only a key holder adds or
+// removes keys (rotation: the old key signs the new one in, the new key
+// signs the old one out).
+TEST_F(KeyInstall, FirstKeyFreelyThenOnlySignedRotation) {
+  wire::key_pair old_key = wire::generate_key_pair(), new_key = wire::generate_key_pair();
+  receive(key_command("\r\nAdd:" + pub_line(old_key)));
+  EXPECT_EQ(result(), "ok");
+  EXPECT_TRUE(camera_is_keyed());
+  EXPECT_TRUE(cam.exists("/customer/keys/" + wire::key_id_text(old_key.pub.id) + ".pub"));
+
+  receive(key_command("\r\nAdd:" + pub_line(new_key)));  // unsigned now
+  EXPECT_EQ(result(), "refused");
+  EXPECT_EQ(load_site_keys().size(), 1u);
+  receive(wire::sign_command(old_key.sec, key_command("\r\nAdd:" + pub_line(new_key)),
+                             current_challenge()));
+  EXPECT_EQ(result(), "ok");
+  receive(wire::sign_command(new_key.sec,
+                             key_command("\r\nRemove:" + wire::key_id_text(old_key.pub.id)),
+                             current_challenge()));
+  EXPECT_EQ(result(), "ok");
+  std::vector<site_key> keys = load_site_keys();
+  ASSERT_EQ(keys.size(), 1u);
+  EXPECT_EQ(keys[0].key.pk, new_key.pub.pk);
+  // A key it does not hold, or a malformed one, is refused (and answered).
+  receive(wire::sign_command(new_key.sec, key_command("\r\nRemove:0000000000000000"),
+                             current_challenge()));
+  EXPECT_EQ(result(), "refused");
+  receive(wire::sign_command(new_key.sec, key_command("\r\nAdd:AAAA"), current_challenge()));
+  EXPECT_EQ(result(), "refused");
 }
 
 }  // namespace

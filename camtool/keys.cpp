@@ -6,12 +6,14 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <ctime>
 #include <fstream>
 #include <iostream>
 #include <sstream>
+#include <vector>
 
 #include "camtool/common.h"
 
@@ -113,6 +115,58 @@ int cmd_sign(const sign_options& o, const passphrase_source& ask, std::ostream& 
   write_new(dest, sig, 0644, true);
   out << "signed " << o.file << " with key " << wire::key_id_text(key.id) << ": " << dest << "\n";
   return 0;
+}
+
+namespace {
+
+// The file, then `tail`.
+class trailed_file : public file_source {
+ public:
+  trailed_file(std::unique_ptr<file_source> f, std::string tail) : f_(std::move(f)), tail_(std::move(tail)) {}
+  uint64_t size() const override { return f_->size() + tail_.size(); }
+  void read(uint64_t offset, char* buf, size_t len) override {
+    const uint64_t body = f_->size();
+    if (offset < body) {
+      size_t n = static_cast<size_t>(std::min<uint64_t>(len, body - offset));
+      f_->read(offset, buf, n);
+      offset += n;
+      buf += n;
+      len -= n;
+    }
+    if (len > 0) memcpy(buf, tail_.data() + (offset - body), len);
+  }
+
+ private:
+  std::unique_ptr<file_source> f_;
+  std::string tail_;
+};
+
+}  // namespace
+
+std::unique_ptr<file_source> signed_upgrade_file(std::unique_ptr<file_source> f,
+                                                 const std::string& file_name,
+                                                 const std::string& key_file,
+                                                 const std::string& signature_file,
+                                                 const passphrase_source& ask) {
+  std::string sig;
+  if (!signature_file.empty()) {
+    sig = read_text(signature_file);
+    if (!wire::parse_signature(sig)) throw tool_error(signature_file + " is not a signature file");
+  } else {
+    wire::secret_key key = load_secret_key(key_file, ask);
+    wire::prehash h;
+    std::vector<char> buf(1 << 16);
+    for (uint64_t at = 0; at < f->size(); at += buf.size()) {
+      size_t n = static_cast<size_t>(std::min<uint64_t>(buf.size(), f->size() - at));
+      f->read(at, buf.data(), n);
+      h.update(buf.data(), n);
+    }
+    std::string comment = "timestamp:" + std::to_string(static_cast<long long>(time(nullptr))) +
+                          "\tfile:" + file_name + "\thashed";
+    sig = wire::format_signature(wire::sign_prehashed(key, h.final(), comment));
+  }
+  if (sig.size() > wire::kTrailerSignatureMax) throw tool_error(signature_file + " is too large");
+  return std::make_unique<trailed_file>(std::move(f), wire::build_trailer(sig));
 }
 
 }  // namespace camtool

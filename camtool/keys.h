@@ -7,6 +7,7 @@
 #include <ostream>
 #include <string>
 
+#include "camtool/upgrade.h"
 #include "wire/signature.h"
 
 namespace camtool {
@@ -38,5 +39,15 @@ struct sign_options {
   std::string output;  // default FILE.minisig
 };
 int cmd_sign(const sign_options& o, const passphrase_source& ask, std::ostream& out);
+
+// What an upgrade sends to keyed cameras: the file, then its signature as a
+// trailer (the camera checks it and cuts it off). The signature is made
+// with `key_file`, or read from `signature_file` (a detached signature of
+// the same file, for example from `minisign -S`).
+std::unique_ptr<file_source> signed_upgrade_file(std::unique_ptr<file_source> f,
+                                                 const std::string& file_name,
+                                                 const std::string& key_file,
+                                                 const std::string& signature_file,
+                                                 const passphrase_source& ask);
 
 }  // namespace camtool

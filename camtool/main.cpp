@@ -134,6 +134,11 @@ int main(int argc, char** argv) {
                  ->delimiter(',')
                  ->allow_extra_args(false);
   upgrade->add_flag("--all", uo.all, "every camera that answers the search")->excludes(to);
+  std::string up_key, up_sig;
+  auto* up_key_opt = upgrade->add_option("--key", up_key,
+      "secret key file: sign the file for keyed cameras (the signature travels at its end)");
+  upgrade->add_option("--signature", up_sig, "the file's detached signature (FILE.minisig) instead")
+      ->excludes(up_key_opt);
   upgrade->add_option("--rate", uo.rate_mbit, "Mbit/s of the stream; 0 sends unpaced")
       ->capture_default_str()
       ->check(CLI::NonNegativeNumber);
@@ -247,6 +252,8 @@ int main(int argc, char** argv) {
       uo.live_progress = isatty(STDERR_FILENO) != 0;
       auto f = open_file(file);
       uo.file_name = file.substr(file.rfind('/') + 1);
+      if (!up_key.empty() || !up_sig.empty())
+        f = signed_upgrade_file(std::move(f), uo.file_name, up_key, up_sig, terminal_passphrase());
       check_upgrade(uo, f->size());
       lazy_lan lan(lan_opener(s, {channel::search, channel::batch, channel::status}));
       return run_upgrade(lan(), client_id, *f, uo, std::cout, std::cerr);

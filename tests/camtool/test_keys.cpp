@@ -68,5 +68,26 @@ TEST(Keys, NewKeySignsFilesThatVerifyAndMistakesWriteNothing) {
   EXPECT_EQ(wire::verify_signature({*pub}, *sig, bytes), wire::sig_verdict::good);
   data[100] ^= 1;
   EXPECT_EQ(wire::verify_signature({*pub}, *sig, bytes), wire::sig_verdict::bad_signature);
+
+  // What `upgrade --key` and `upgrade --signature` send: the file, then a
+  // trailer whose signature verifies over the file alone.
+  for (bool detached : {false, true}) {
+    auto sent = signed_upgrade_file(memory_file("the package"), "pkg.zip",
+                                    detached ? "" : site + ".key", detached ? pkg + ".minisig" : "",
+                                    answers({"pw"}));
+    std::string all(sent->size(), '\0');
+    sent->read(0, all.data(), 5);
+    sent->read(5, all.data() + 5, all.size() - 5);
+    ASSERT_EQ(all.rfind("the package", 0), 0u);
+    auto len = wire::trailer_signature_length(
+        reinterpret_cast<const uint8_t*>(all.data()) + all.size() - wire::kTrailerFixed, all.size());
+    ASSERT_TRUE(len);
+    EXPECT_EQ(all.size(), 11 + *len + wire::kTrailerFixed);
+    auto trailer_sig = wire::parse_signature(all.substr(11, *len));
+    ASSERT_TRUE(trailer_sig);
+    const std::string body = detached ? slurp(pkg) : "the package";
+    std::span<const uint8_t> signed_bytes(reinterpret_cast<const uint8_t*>(body.data()), body.size());
+    EXPECT_EQ(wire::verify_signature({*pub}, *trailer_sig, signed_bytes), wire::sig_verdict::good);
+  }
   fs::remove_all(dir);
 }

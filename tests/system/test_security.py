@@ -1,0 +1,67 @@
+"""Keyed cameras on the LAN: a site key made by the release signer, packages
+signed by it or by camtool, and what a keyed camera refuses.
+
+camtool runs inside the LAN namespace (never on the host's network).
+"""
+
+import json
+import os
+import shutil
+import subprocess
+
+import pytest
+
+import camera as rig
+from power import PowerOn
+from test_camtool import camtool, camtool_bin  # noqa: F401  (fixtures)
+
+NO_FLAG = {"/customer/upgrade_finish_flag": None}
+
+pytestmark = pytest.mark.skipif(shutil.which("minisign") is None, reason="needs minisign")
+
+
+def json_lines(text):
+    return [json.loads(line) for line in text.splitlines() if line.strip()]
+
+
+@pytest.fixture
+def site_key(tmp_path):
+    """A key pair made by the release signer: (public key text, secret key path)."""
+    pub, sec = tmp_path / "site.pub", tmp_path / "site.key"
+    subprocess.run(["minisign", "-G", "-W", "-p", pub, "-s", sec], check=True,
+                   capture_output=True)
+    return pub.read_text(), sec
+
+
+def test_keyed_camera_installs_only_what_the_site_key_signed(start_camera, camtool, tmp_path,
+                                                             site_key):
+    pub, sec = site_key
+    keyed = start_camera(files={**NO_FLAG, "/customer/keys/site.pub": pub})
+    plain = start_camera(files=NO_FLAG)
+    payload = os.urandom(200_000)
+    fw = tmp_path / "app_V2.6.0.zip"
+    fw.write_bytes(rig.zip_package({"customer/version_file": "V2.6.0",
+                                    "customer/payload.bin": payload}))
+
+    # Unsigned: '6' and a reboot, nothing unpacked.
+    with PowerOn([keyed]) as power:
+        p = camtool("upgrade", fw, "--mode", 1, "--to", keyed.device_id, "--retries", 0,
+                    "--json", timeout=300)
+    assert not power.failures, power.failures
+    assert p.returncode == 1, p.stdout + p.stderr
+    assert json_lines(p.stdout)[0]["acks"] == ["06"], p.stdout
+    assert not keyed.exists("/customer/payload.bin")
+    assert keyed.boots == 2
+
+    # Signed by the release signer: the keyed camera and one without keys,
+    # in one stream.
+    subprocess.run(["minisign", "-S", "-W", "-s", sec, "-m", fw], check=True,
+                   capture_output=True)
+    with PowerOn([keyed, plain]) as power:
+        p = camtool("upgrade", fw, "--mode", 1, "--to", f"{keyed.device_id},{plain.device_id}",
+                    "--signature", f"{fw}.minisig", "--json", timeout=300)
+    assert not power.failures, power.failures
+    assert p.returncode == 0, p.stdout + p.stderr
+    for cam in (keyed, plain):
+        assert cam.read("/customer/payload.bin") == payload
+        assert cam.read_text("/customer/version_file").strip() == "V2.6.0"

@@ -16,6 +16,8 @@
 #include <vector>
 
 #include "camtool/common.h"
+#include "camtool/finder.h"
+#include "camtool/output.h"
 
 namespace camtool {
 namespace {
@@ -115,6 +117,57 @@ int cmd_sign(const sign_options& o, const passphrase_source& ask, std::ostream& 
   write_new(dest, sig, 0644, true);
   out << "signed " << o.file << " with key " << wire::key_id_text(key.id) << ": " << dest << "\n";
   return 0;
+}
+
+std::string sign_for(const wire::camera_record& c, const std::string& command,
+                     const std::string& key_file, const passphrase_source& ask) {
+  if (c.challenge.empty()) return command;
+  if (key_file.empty())
+    throw tool_error(c.device_id + " has site keys: give --key SECRET_KEY_FILE to sign the command");
+  return wire::sign_command(load_secret_key(key_file, ask), command, c.challenge);
+}
+
+namespace {
+
+int key_command(command_context& ctx, const std::string& who, const std::string& field,
+                const std::string& what, const std::string& key_file, const passphrase_source& ask) {
+  wire::camera_record c = resolve(ctx.lan(), ctx.client_id, who, ctx.search_wait);
+  const std::string request = sign_for(c, std::string(wire::kKeyCommand) + "\r\nDevice ID:" +
+                                              c.device_id + "\r\nClient ID:" + ctx.client_id + field,
+                                       key_file, ask);
+  auto got = exchange(ctx.lan(), channel::batch, request, ctx.timeout, 0,
+                      [&](const datagram& d) {
+                        auto r = wire::parse_id_reply(wire::kKeyCommand, d.data);
+                        return r && r->device_id == c.device_id && r->client_id == ctx.client_id;
+                      });
+  const std::string name = c.device_id + (c.ip.empty() ? "" : " (" + c.ip + ")");
+  if (!got)
+    throw tool_error("no answer to the key command from " + name + " within " +
+                         seconds_text(ctx.timeout),
+                     kExitFailed);
+  const bool ok = got->data.find("\r\nResult:ok") != std::string::npos;
+  ctx.out << name << ": " << what << (ok ? "" : " refused (a keyed camera needs the command signed by a key it holds)")
+          << "\n";
+  return ok ? 0 : kExitFailed;
+}
+
+}  // namespace
+
+int cmd_key_install(command_context& ctx, const std::string& who, const std::string& public_key_file,
+                    const std::string& key_file, const passphrase_source& ask) {
+  auto key = wire::parse_public_key(read_text(public_key_file));
+  if (!key) throw tool_error(public_key_file + " is not a public key file");
+  const std::string text = wire::format_public_key(*key);
+  const std::string line = text.substr(text.find('\n') + 1, text.size() - text.find('\n') - 2);
+  return key_command(ctx, who, "\r\nAdd:" + line, "key " + wire::key_id_text(key->id) + " installed",
+                     key_file, ask);
+}
+
+int cmd_key_remove(command_context& ctx, const std::string& who, const std::string& key_id,
+                   const std::string& key_file, const passphrase_source& ask) {
+  if (key_id.size() != 16 || key_id.find_first_not_of("0123456789ABCDEF") != std::string::npos)
+    throw tool_error("a key ID is 16 upper-case hexadecimal digits (as `camtool key new` prints it)");
+  return key_command(ctx, who, "\r\nRemove:" + key_id, "key " + key_id + " removed", key_file, ask);
 }
 
 namespace {

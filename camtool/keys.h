@@ -7,6 +7,7 @@
 #include <ostream>
 #include <string>
 
+#include "camtool/commands.h"
 #include "camtool/upgrade.h"
 #include "wire/signature.h"
 
@@ -39,6 +40,19 @@ struct sign_options {
   std::string output;  // default FILE.minisig
 };
 int cmd_sign(const sign_options& o, const passphrase_source& ask, std::ostream& out);
+
+// A command to a keyed camera (its search reply carried a challenge) signed
+// with `key_file`; to a camera without keys unchanged. Throws tool_error
+// when the camera is keyed and no key file was given.
+std::string sign_for(const wire::camera_record& c, const std::string& command,
+                     const std::string& key_file, const passphrase_source& ask);
+
+// `camtool key install CAMERA PUBLIC_KEY_FILE` and `camtool key remove
+// CAMERA KEY_ID`: the camera answers "Result:ok" or "refused".
+int cmd_key_install(command_context& ctx, const std::string& who, const std::string& public_key_file,
+                    const std::string& key_file, const passphrase_source& ask);
+int cmd_key_remove(command_context& ctx, const std::string& who, const std::string& key_id,
+                   const std::string& key_file, const passphrase_source& ask);
 
 // What an upgrade sends to keyed cameras: the file, then its signature as a
 // trailer (the camera checks it and cuts it off). The signature is made

@@ -217,6 +217,16 @@ int main(int argc, char** argv) {
   key_new->add_option("NAME", kn.name, "the files' name without extension")->required();
   key_new->add_flag("--no-passphrase", kn.no_passphrase, "leave the secret key unencrypted");
   key_new->add_flag("--force", kn.force, "replace existing files");
+  std::string key_camera, key_arg, key_secret;
+  auto* key_install = with_timeout(key->add_subcommand("install",
+      "put a public key on a camera (a camera with keys needs --key of one it holds)"), s, 3);
+  key_install->add_option("CAMERA", key_camera, "device ID or IPv4 address")->required();
+  key_install->add_option("PUBLIC_KEY_FILE", key_arg, "the .pub file")->required();
+  key_install->add_option("--key", key_secret, "secret key file of a key the camera holds");
+  auto* key_remove = with_timeout(key->add_subcommand("remove", "take a key off a camera"), s, 3);
+  key_remove->add_option("CAMERA", key_camera, "device ID or IPv4 address")->required();
+  key_remove->add_option("KEY_ID", key_arg, "the key's ID (16 hex digits)")->required();
+  key_remove->add_option("--key", key_secret, "secret key file of a key the camera holds")->required();
   sign_options sg;
   auto* sign = app.add_subcommand("sign", "write a detached signature of a file (FILE.minisig)");
   sign->add_option("FILE", sg.file, "the file to sign")->required();
@@ -283,6 +293,10 @@ int main(int argc, char** argv) {
     }
     lazy_lan lan(lan_opener(s, {channel::search, channel::batch}));
     command_context ctx{lan, client_id, std::cout, std::cerr, s.json, timeout, 3.0};
+    if (key_install->parsed())
+      return cmd_key_install(ctx, key_camera, key_arg, key_secret, terminal_passphrase());
+    if (key_remove->parsed())
+      return cmd_key_remove(ctx, key_camera, key_arg, key_secret, terminal_passphrase());
     if (confignet->parsed()) return cmd_confignet(ctx, who, cf);
     if (reboot->parsed()) return cmd_reboot(ctx, who, !no_wait);
     if (flicker->parsed()) return cmd_flicker(ctx, who, led);

@@ -10,6 +10,8 @@
 #include <optional>
 #include <string>
 
+#include "wire/signature.h"
+
 // The challenge a keyed camera's search reply carries; "" without keys.
 std::string current_challenge();
 
@@ -27,7 +29,7 @@ bool refuse_unsigned_change(const char* what);
 // ("\r\nRemove:" and a key ID) a site key. A camera without keys takes its
 // first key from any tool on the LAN; a keyed camera only a signed command.
 // The reply "CAMERA_KY" with the IDs and "\r\nResult:" ok or refused.
-inline constexpr const char* kKeyCommand = "CAMERA_KY";
+using wire::kKeyCommand;
 void handle_key_command(struct mcast_endpoint* ep, const char* msg, size_t len);
 
 void reset_command_auth();

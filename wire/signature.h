@@ -95,6 +95,9 @@ std::optional<size_t> trailer_signature_length(const uint8_t* tail, uint64_t fil
 inline constexpr std::string_view kCommandSigKey = "\r\nSig:";
 inline constexpr std::string_view kChallengeKey = "\r\nChallenge:";
 inline constexpr size_t kChallengeLen = 32;  // hexadecimal digits
+// The command that adds ("\r\nAdd:" and a public key's base64 line) or
+// removes ("\r\nRemove:" and a key ID) a camera's site key.
+inline constexpr const char* kKeyCommand = "CAMERA_KY";
 std::string new_challenge();
 std::string sign_command(const secret_key& key, std::string_view command,
                          std::string_view challenge);

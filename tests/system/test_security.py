@@ -65,3 +65,32 @@ def test_keyed_camera_installs_only_what_the_site_key_signed(start_camera, camto
     for cam in (keyed, plain):
         assert cam.read("/customer/payload.bin") == payload
         assert cam.read_text("/customer/version_file").strip() == "V2.6.0"
+
+
+def test_keys_reach_a_camera_and_unsigned_changes_stop(start_camera, camtool, tmp_path):
+    cam = start_camera(files={"/customer/upgrade.conf": "partner=1\n"})
+    cam.wait_line("init search_mira succeed")
+    for name in ("old", "new"):
+        p = camtool("key", "new", tmp_path / name, "--no-passphrase")
+        assert p.returncode == 0, p.stderr
+    key_id = {n: (tmp_path / f"{n}.pub").read_text().split()[-2] for n in ("old", "new")}
+
+    # The first key needs no signature; after it, only a key holder changes keys.
+    p = camtool("key", "install", cam.device_id, tmp_path / "old.pub")
+    assert p.returncode == 0 and "installed" in p.stdout, p.stdout + p.stderr
+    p = camtool("key", "install", cam.ip, tmp_path / "new.pub")
+    assert p.returncode == 2 and "--key" in p.stderr, p.stdout + p.stderr
+    p = camtool("key", "install", cam.ip, tmp_path / "new.pub", "--key", tmp_path / "new.key")
+    assert p.returncode == 1 and "refused" in p.stdout, p.stdout + p.stderr
+    p = camtool("key", "install", cam.ip, tmp_path / "new.pub", "--key", tmp_path / "old.key")
+    assert p.returncode == 0, p.stdout + p.stderr
+    p = camtool("key", "remove", cam.ip, key_id["old"], "--key", tmp_path / "new.key")
+    assert p.returncode == 0, p.stdout + p.stderr
+    assert sorted(os.listdir(cam.path("/customer/keys"))) == [f"{key_id['new']}.pub"]
+
+    # The partner's frames carry no signature: a set changes nothing.
+    before = cam.read_text("/data/net.conf")
+    p = camtool("partner", "set", cam.device_id, "--dhcp", "on", "--timeout", 2)
+    assert p.returncode == 1, p.stdout + p.stderr
+    assert cam.running and cam.read_text("/data/net.conf") == before
+    cam.wait_line("partner network set refused")

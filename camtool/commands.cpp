@@ -44,7 +44,7 @@ std::string field(const wire::id_reply& r, const std::string& key) {
 // waits for its "SUCCEED *".
 int settings_command(command_context& ctx, const wire::camera_record& c, const std::string& request,
                      json settings) {
-  auto got = exchange(ctx.lan(), channel::search, request, ctx.timeout, 0,
+  auto got = exchange(ctx.lan(), channel::search, ctx.signed_request(c, request), ctx.timeout, 0,
                       reply_from(wire::kKeywords[wire::KW_SUCCEED], c.device_id, ctx.client_id));
   if (!got) no_reply(c, "confirmation", ctx.timeout);
   if (ctx.json) {
@@ -150,7 +150,8 @@ int cmd_reboot(command_context& ctx, const std::string& who, bool wait) {
   transport& net = ctx.lan();
   wire::camera_record c = resolve(net, ctx.client_id, who, ctx.search_wait);
   time_point sent = net.now();
-  net.send(channel::search, wire::addressed_request(wire::KW_CAMERA_RE, c.device_id, ctx.client_id));
+  net.send(channel::search, ctx.signed_request(c, wire::addressed_request(wire::KW_CAMERA_RE,
+                                                                           c.device_id, ctx.client_id)));
   if (!wait) {
     ctx.out << camera_name(c) << ": reboot sent (the camera does not answer this command)\n";
     return 0;
@@ -178,7 +179,8 @@ int cmd_flicker(command_context& ctx, const std::string& who, const std::string&
   if (state != "on" && state != "off") throw tool_error("flicker takes on or off, not '" + state + "'");
   check_camera_argument(who);
   wire::camera_record c = resolve(ctx.lan(), ctx.client_id, who, ctx.search_wait);
-  ctx.lan().send(channel::search, wire::flicker_request(c.device_id, ctx.client_id, state == "on"));
+  ctx.lan().send(channel::search,
+                 ctx.signed_request(c, wire::flicker_request(c.device_id, ctx.client_id, state == "on")));
   ctx.out << camera_name(c) << ": LED flicker " << state
           << " sent (the camera does not answer this command)\n";
   return 0;
@@ -197,7 +199,8 @@ int cmd_board_test(command_context& ctx, const std::string& who, wire::board_tes
   ctx.err << camera_name(c) << ": board test, type " << o.type
           << " (it stops the camera's main application: reboot the camera afterwards)\n";
   auto got = exchange(ctx.lan(), channel::search,
-                      wire::board_test_request(c.device_id, ctx.client_id, o), ctx.timeout, 0,
+                      ctx.signed_request(c, wire::board_test_request(c.device_id, ctx.client_id, o)),
+                      ctx.timeout, 0,
                       [&](const datagram& d) {
                         auto r = wire::parse_board_test(d.data);
                         return r && r->device_id == c.device_id && r->client_id == ctx.client_id;

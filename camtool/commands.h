@@ -26,6 +26,12 @@ struct command_context {
   bool json = false;
   double timeout = 3.0;      // for the reply
   double search_wait = 3.0;  // for finding the camera
+  // Signs a changing command for a keyed camera (its search reply carried a
+  // challenge); unset: commands go out as they are.
+  std::function<std::string(const wire::camera_record&, const std::string&)> sign;
+  std::string signed_request(const wire::camera_record& c, const std::string& request) const {
+    return sign ? sign(c, request) : request;
+  }
 };
 
 struct confignet_flags {

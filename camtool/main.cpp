@@ -241,6 +241,12 @@ int main(int argc, char** argv) {
       ->check(CLI::PositiveNumber);
   status->add_option("--count", st.count, "end after this many cameras")->check(CLI::PositiveNumber);
 
+  // --key on the commands that change a camera: a keyed camera takes them
+  // only signed by one of its site keys.
+  std::string cmd_key;
+  for (CLI::App* cmd : {confignet, reboot, flicker, board, lumconfig})
+    cmd->add_option("--key", cmd_key, "secret key file: sign the command for a keyed camera");
+
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {
@@ -278,7 +284,7 @@ int main(int argc, char** argv) {
       if (cmd->parsed()) timeout = t;
     if (partner->parsed()) {
       lazy_lan lan(lan_opener(s, {channel::partner, channel::partner_alt, channel::direct}));
-      command_context ctx{lan, client_id, std::cout, std::cerr, s.json, timeout, 3.0};
+      command_context ctx{lan, client_id, std::cout, std::cerr, s.json, timeout, 3.0, {}};
       if (p_search->parsed()) return cmd_partner_search(ctx, p_wait);
       if (p_query->parsed()) return cmd_partner_query(ctx, who);
       if (p_set->parsed()) return cmd_partner_set(ctx, who, cf);
@@ -286,13 +292,16 @@ int main(int argc, char** argv) {
     }
     if (bcast->parsed()) {
       lazy_lan lan(lan_opener(s, {channel::direct}));
-      command_context ctx{lan, client_id, std::cout, std::cerr, s.json, timeout, 3.0};
+      command_context ctx{lan, client_id, std::cout, std::cerr, s.json, timeout, 3.0, {}};
       if (b_discover->parsed()) return cmd_broadcast_discover(ctx, b_to, b_wait);
       if (b_netconfig->parsed()) return cmd_broadcast_netconfig(ctx, who, cf);
       return cmd_broadcast_production(ctx, who, action, action_value);
     }
     lazy_lan lan(lan_opener(s, {channel::search, channel::batch}));
-    command_context ctx{lan, client_id, std::cout, std::cerr, s.json, timeout, 3.0};
+    command_context ctx{lan, client_id, std::cout, std::cerr, s.json, timeout, 3.0, {}};
+    ctx.sign = [&](const wire::camera_record& c, const std::string& request) {
+      return sign_for(c, request, cmd_key, terminal_passphrase());
+    };
     if (key_install->parsed())
       return cmd_key_install(ctx, key_camera, key_arg, key_secret, terminal_passphrase());
     if (key_remove->parsed())

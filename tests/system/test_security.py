@@ -4,10 +4,13 @@ signed by it or by camtool, and what a keyed camera refuses.
 camtool runs inside the LAN namespace (never on the host's network).
 """
 
+import base64
+import ctypes
 import json
 import os
 import shutil
 import subprocess
+import time
 
 import pytest
 
@@ -94,3 +97,54 @@ def test_keys_reach_a_camera_and_unsigned_changes_stop(start_camera, camtool, tm
     assert p.returncode == 1, p.stdout + p.stderr
     assert cam.running and cam.read_text("/data/net.conf") == before
     cam.wait_line("partner network set refused")
+
+
+def wait_boots(cam, n, timeout=60):
+    """Waits until the camera has booted `n` times and serves again."""
+    end = time.monotonic() + timeout
+    while not (cam.boots >= n and cam.running):
+        assert time.monotonic() < end, f"{cam.name} did not boot {n} times"
+        time.sleep(0.2)
+    cam.wait_line("init socket succeed", timeout=30)
+
+
+def signed_command(key_file, command, challenge):
+    """The command signed as a keyed camera checks it, written here from the
+    key file's layout and libsodium alone (not by camtool)."""
+    blob = base64.b64decode(key_file.read_text().splitlines()[1])
+    key_id, secret = blob[54:62], blob[62:126]
+    sodium = ctypes.CDLL("libsodium.so.23")
+    assert sodium.sodium_init() >= 0
+    msg = f"{command}\r\nChallenge:{challenge}".encode()
+    sig = ctypes.create_string_buffer(64)
+    sodium.crypto_sign_detached(sig, None, msg, ctypes.c_ulonglong(len(msg)), secret)
+    return f"{command}\r\nSig:{base64.b64encode(b'Ed' + key_id + sig.raw).decode()}".encode()
+
+
+def test_signed_commands_are_taken_once(start_camera, lan, camtool, tmp_path):
+    camtool("key", "new", tmp_path / "site", "--no-passphrase")
+    cam = start_camera(files={"/customer/keys/site.pub": (tmp_path / "site.pub").read_text()})
+    challenge = lan.search(count=1)[0].fields()["CHALLENGE"]
+    assert len(challenge) == 32
+
+    p = camtool("confignet", cam.ip, "--dns", "9.9.9.9")
+    assert p.returncode == 2 and "--key" in p.stderr, p.stdout + p.stderr
+    command = (f"CONFIGNET\r\nDevice ID:{cam.device_id}\r\nClient ID:{'c' * 32}"
+               f"\ndhcp=0\nipaddr={cam.ip}\nnetmask=255.255.255.0\nfdns=1.1.1.1")
+    unsigned = lan.request(command.encode(), match=b"SUCCEED", timeout=2)
+    assert not unsigned and "8.8.8.8" in cam.read_text("/etc/resolv.conf")
+    with PowerOn([cam]) as power:
+        signed = signed_command(tmp_path / "site.key", command, challenge)
+        assert lan.request(signed, match=b"SUCCEED", timeout=3)
+        wait_boots(cam, 2)
+        assert "1.1.1.1" in cam.read_text("/etc/resolv.conf")
+        # The same bytes again: the challenge they were signed over is gone.
+        cam.write("/etc/resolv.conf", "nameserver 8.8.8.8\n")
+        assert not lan.request(signed, match=b"SUCCEED", timeout=2)
+        cam.wait_line("command refused")
+        assert "8.8.8.8" in cam.read_text("/etc/resolv.conf")
+        # camtool signs with the new challenge.
+        p = camtool("confignet", cam.ip, "--dns", "9.9.9.9", "--key", tmp_path / "site.key")
+        assert p.returncode == 0 and "accepted" in p.stdout, p.stdout + p.stderr
+        wait_boots(cam, 3)
+    assert not power.failures, power.failures

@@ -109,6 +109,7 @@ struct camera_state {
   uint64_t uptime = 0;  // as last heard, and when
   time_point uptime_at{};
   bool reported = false, confirmed = false;
+  bool signature_refused = false;  // a keyed camera's '6': another round would not help
 
   void new_round() {
     acks.emplace_back();
@@ -124,6 +125,8 @@ struct camera_state {
     if (ready == wire::ACK_BUSY) return "busy with another upgrade";
     if (verdict == 0) return "no md5 answer after the transfer";
     if (verdict == wire::ACK_WRITE_FAILED) return "could not store the file";
+    if (verdict == wire::ACK_MD5_BAD && signature_refused)
+      return "signature refused (the camera has site keys: --key or --signature)";
     if (verdict == wire::ACK_MD5_BAD) return back ? "md5 failed" : "md5 failed, not back";
     if (result == 0) return "no answer from the installation";
     if (result == wire::ACK_ARM_FAILED) return "controller programming failed";
@@ -153,7 +156,8 @@ class upgrade_run {
       one_round(round, names);
       names.clear();
       for (auto& c : cams_)
-        if (c.in_round && c.verdict == wire::ACK_MD5_BAD && c.back) names.push_back(&c);
+        if (c.in_round && c.verdict == wire::ACK_MD5_BAD && !c.signature_refused && c.back)
+          names.push_back(&c);
     }
     report(out);
     bool all_ok = !cams_.empty();
@@ -259,7 +263,10 @@ class upgrade_run {
       if (!ours) return;
       if (a->code == wire::ACK_BUSY && c->ready == wire::ACK_READY) return;  // a resent announcement
       c->acks.back() += a->code;
-      err_ << "  " << c->id << ": " << ack_words(a->code) << " (" << a->code << ")\n";
+      const bool signature = a->code == wire::ACK_MD5_BAD && a->reason == wire::kReasonSignature;
+      err_ << "  " << c->id << ": "
+           << (signature ? "signature refused, the camera reboots" : ack_words(a->code)) << " ("
+           << a->code << ")\n";
       switch (a->code) {
         case wire::ACK_READY:
           c->ready = a->code;
@@ -274,6 +281,7 @@ class upgrade_run {
           break;
         case wire::ACK_MD5_BAD:
           c->verdict = a->code;
+          c->signature_refused = signature;
           end_of_round(*c, now);
           break;
         case wire::ACK_WRITE_FAILED:

@@ -22,6 +22,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     fuzz_require(again && again->pk == key->pk && again->id == key->id,
                  "a public key changed on its way through a file");
   }
+  // A trailer's end and a signed command: bounds from untrusted lengths.
+  if (size >= wire::kTrailerFixed) {
+    if (auto len = wire::trailer_signature_length(data + size - wire::kTrailerFixed, size))
+      fuzz_require(*len <= size - wire::kTrailerFixed, "a trailer reaches before the file");
+  }
+  size_t body = 0;
+  wire::verify_command({}, text, "0123456789abcdef0123456789abcdef", &body);
+  fuzz_require(body <= size, "a command's body is longer than the command");
   wire::secret_key sk;
   // No passphrase: an encrypted file stops before the (costly) key derivation.
   wire::parse_secret_key(text, "", sk);

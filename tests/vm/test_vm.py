@@ -5,6 +5,7 @@ as the story needs; the flash is kept across those boots. The USB-disk
 upgrade runs on the namespace camera (the same writer as the watcher's)."""
 
 import random
+import subprocess
 
 import camera as rig
 import lanupgrade
@@ -103,3 +104,33 @@ def test_multicast_partition_then_whole_flash_upgrade_from_the_lan(start_vm, lan
     assert cam.flash.partition(KERNEL) == img[10 * BLOCK:]
     assert cam.fw_printenv().get("net_upgrade_flag") == "2"
     assert search_from(lan, cam)["Device ID"] == device_id
+
+
+def test_keyed_camera_writes_only_a_signed_whole_flash_image(start_vm, lan, tmp_path):
+    pub, sec = tmp_path / "site.pub", tmp_path / "site.key"
+    subprocess.run(["minisign", "-G", "-W", "-p", pub, "-s", sec], check=True, capture_output=True)
+    cam = start_vm(files={"/customer/keys/site.pub": pub.read_text()})
+    search_from(lan, cam)
+    img = image(noise(8 * BLOCK, 11), b"\xff" * (2 * BLOCK), noise(32 * BLOCK, 12))
+    (tmp_path / "fw.img").write_bytes(img)
+    erases_before = cam.flash.erase_count()
+    boot_before = cam.flash.partition(BOOT)
+
+    # No signature beside the image: the watcher reboots without writing.
+    cam.put(img, "/dev/fw.img")
+    cam.exec("touch /dev/mtd_upgrade", check=True)
+    assert cam.wait_boot(2, timeout=600) == "watchdog reset"
+    assert "signature check failed" in "\n".join(cam.lines(boot=1))
+    assert cam.flash.erase_count() == erases_before
+    assert cam.flash.partition(BOOT) == boot_before
+
+    # Signed by the release signer: written.
+    subprocess.run(["minisign", "-S", "-W", "-s", sec, "-m", tmp_path / "fw.img"], check=True,
+                   capture_output=True)
+    search_from(lan, cam)
+    cam.put(img, "/dev/fw.img")
+    cam.put((tmp_path / "fw.img.minisig").read_bytes(), "/dev/fw.img.minisig")
+    cam.exec("touch /dev/mtd_upgrade", check=True)
+    assert cam.wait_boot(3, timeout=600) == "watchdog reset"
+    assert cam.flash.partition(BOOT) == img[:8 * BLOCK]
+    assert cam.flash.partition(KERNEL) == img[10 * BLOCK:]

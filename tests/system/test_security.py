@@ -148,3 +148,35 @@ def test_signed_commands_are_taken_once(start_camera, lan, camtool, tmp_path):
         assert p.returncode == 0 and "accepted" in p.stdout, p.stdout + p.stderr
         wait_boots(cam, 3)
     assert not power.failures, power.failures
+
+
+@pytest.mark.parametrize("signed", [False, True], ids=["unsigned", "signed"])
+def test_keyed_camera_writes_a_usb_disk_image_only_when_signed(start_camera, site_key, tmp_path,
+                                                              signed):
+    pub, sec = site_key
+    sizes = [size for size, _e, _n in rig.DEFAULT_MTD]
+    image = os.urandom(sum(sizes[:3]))
+    usb = {"fw_K1.img": image}
+    if signed:
+        (tmp_path / "fw_K1.img").write_bytes(image)
+        subprocess.run(["minisign", "-S", "-W", "-s", sec, "-m", tmp_path / "fw_K1.img"],
+                       check=True, capture_output=True)
+        usb["fw_K1.img.minisig"] = (tmp_path / "fw_K1.img.minisig").read_bytes()
+    desc = "".join(f"mtd{i} nor {size:#x} {erase:#x}\n"
+                   for i, (size, erase, _name) in enumerate(rig.DEFAULT_MTD))
+    cam = start_camera(flash=True, pid_list=[], usb=usb,
+                       files={"/etc/flash.desc": desc, "/customer/keys/site.pub": pub},
+                       env={"UPGRADE_FLASH_SIM": "/etc/flash.desc"},
+                       dev_files={"/dev/u_disk_upgrade_flag": b""})
+    if signed:
+        cam.wait_reboot(timeout=30)
+        assert cam.read("/dev/mtd0") == image[:sizes[0]]
+        assert cam.control_datagrams()[-1][4] == 3
+        return
+    # Refused as any bad image is (status 2), with the reason on the console;
+    # the boot loader is never touched and the camera stays up.
+    cam.wait_line("signature check failed", timeout=15)
+    assert "fw_K1.img.minisig" in cam.stdout() + cam.stderr()
+    assert [d[4] for d in cam.wait_control(1)] == [2]
+    assert cam.read("/dev/mtd0") == b"\xff" * sizes[0]
+    assert cam.running

@@ -25,13 +25,14 @@ inline bool init_sodium() {
   return ok;
 }
 
-// Splits off the next line (without "\r\n" or "\n"); false at the end.
+// Splits off the next line (without its "\n" and the carriage returns before
+// it, so that a line written back reads the same); false at the end.
 inline bool next_line(std::string_view& rest, std::string_view& line) {
   if (rest.empty()) return false;
   size_t nl = rest.find('\n');
   line = rest.substr(0, nl);
   rest = nl == std::string_view::npos ? std::string_view{} : rest.substr(nl + 1);
-  if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
+  while (!line.empty() && line.back() == '\r') line.remove_suffix(1);
   return true;
 }
 

@@ -87,26 +87,79 @@ bool camera_is_keyed() {
   return files > 0;
 }
 
-signature_check check_signature(const std::vector<site_key>& keys, const std::string& path,
-                                uint64_t len, std::string_view signature_text) {
+namespace {
+
+// The signature file's text checked by `verify` against the keys.
+template <typename Verify>
+signature_check check_with(const std::vector<site_key>& keys, const std::string& path,
+                           std::string_view signature_text, Verify verify) {
   auto sig = wire::parse_signature(signature_text);
   if (!sig) return {false, "the signature of " + path + " is malformed"};
-  mapped_file f(path);
-  if (len > 0 && (!f.ok() || len > f.size)) return {false, "cannot read " + path};
   std::vector<wire::public_key> trusted;
   for (const site_key& k : keys) trusted.push_back(k.key);
-  std::span<const uint8_t> payload(len > 0 ? f.bytes() : nullptr, static_cast<size_t>(len));
-  wire::sig_verdict v = wire::verify_signature(trusted, *sig, payload);
-  if (v == wire::sig_verdict::good) return {true, ""};
-  return {false, key_name(keys, sig->id) + ": " + wire::sig_verdict_text(v) + " (" + path + ")"};
+  std::optional<wire::sig_verdict> v = verify(trusted, *sig);
+  if (!v) return {false, "cannot read " + path};
+  if (*v == wire::sig_verdict::good) return {true, ""};
+  return {false, key_name(keys, sig->id) + ": " + wire::sig_verdict_text(*v) + " (" + path + ")"};
 }
 
-signature_check take_signature_trailer(const std::string& path, uint64_t* payload_size) {
+signature_check check_prehash(const std::vector<site_key>& keys, const std::string& path,
+                              const std::array<uint8_t, 64>& hash,
+                              std::string_view signature_text) {
+  return check_with(keys, path, signature_text,
+                    [&](const auto& trusted, const wire::detached_signature& sig) {
+                      return std::optional(wire::verify_prehashed(trusted, sig, hash));
+                    });
+}
+
+}  // namespace
+
+signature_check check_signature(const std::vector<site_key>& keys, const std::string& path,
+                                uint64_t len, std::string_view signature_text) {
+  return check_with(keys, path, signature_text,
+                    [&](const auto& trusted, const wire::detached_signature& sig)
+                        -> std::optional<wire::sig_verdict> {
+                      mapped_file f(path);
+                      if (len > 0 && (!f.ok() || len > f.size)) return std::nullopt;
+                      std::span<const uint8_t> payload(len > 0 ? f.bytes() : nullptr,
+                                                       static_cast<size_t>(len));
+                      return wire::verify_signature(trusted, sig, payload);
+                    });
+}
+
+void streamed_prehash::start(uint64_t announced, bool on) {
+  hash_ = wire::prehash{};
+  const uint64_t tail = wire::kTrailerFixed + wire::kTrailerSignatureMax;
+  limit_ = announced > tail ? announced - tail : 0;
+  seen_ = 0;
+  on_ = on;
+}
+
+void streamed_prehash::feed(const void* data, size_t len) {
+  if (!on_) return;
+  if (seen_ < limit_)
+    hash_.update(data, static_cast<size_t>(std::min<uint64_t>(len, limit_ - seen_)));
+  seen_ += len;
+}
+
+std::optional<std::array<uint8_t, 64>> streamed_prehash::finish(const uint8_t* file,
+                                                                uint64_t file_size,
+                                                                uint64_t payload) {
+  const uint64_t hashed = std::min(seen_, limit_);
+  if (!on_ || seen_ != file_size || hashed > payload || payload > file_size) return std::nullopt;
+  on_ = false;
+  hash_.update(file + hashed, static_cast<size_t>(payload - hashed));
+  return hash_.final();
+}
+
+signature_check take_signature_trailer(const std::string& path, uint64_t* payload_size,
+                                       streamed_prehash* streamed) {
   size_t files = 0;
   std::vector<site_key> keys = load_site_keys(&files);
   const bool keyed = files > 0;
   uint64_t payload = 0;
   std::string sig_text;
+  std::optional<std::array<uint8_t, 64>> hash;
   {
     mapped_file f(path);
     if (!f.ok() || f.size < wire::kTrailerFixed) return {!keyed, "no signature at the end of " + path};
@@ -114,10 +167,14 @@ signature_check take_signature_trailer(const std::string& path, uint64_t* payloa
     if (!len) return {!keyed, "no signature at the end of " + path};
     payload = f.size - wire::kTrailerFixed - *len;
     sig_text.assign(reinterpret_cast<const char*>(f.bytes() + payload), *len);
+    auto sig = wire::parse_signature(sig_text);
+    if (keyed && streamed != nullptr && sig && sig->prehashed)
+      hash = streamed->finish(f.bytes(), f.size, payload);
   }
   if (keyed) {
     if (keys.empty()) return {false, "no readable key in " + std::string(kSiteKeyDir)};
-    signature_check c = check_signature(keys, path, payload, sig_text);
+    signature_check c = hash ? check_prehash(keys, path, *hash, sig_text)
+                             : check_signature(keys, path, payload, sig_text);
     if (!c.ok) return c;
   }
   if (truncate(cam_path(path).c_str(), static_cast<off_t>(payload)) != 0)

@@ -45,6 +45,8 @@ struct upgrade_state {
   int count_pack = 0;
   // Bytes of the file written so far: nothing past file_size is stored.
   int64_t written = 0;
+  // A keyed camera hashes the file as it comes, for its signature.
+  streamed_prehash prehash;
 };
 
 // A verified file waiting to be installed once the lock is released.
@@ -80,7 +82,10 @@ bool write_whole(const char* data, size_t len) {
   const int64_t room = g_up.file_size - g_up.written;
   const size_t fits = room <= 0 ? 0 : static_cast<size_t>(std::min<int64_t>(room, len));
   ssize_t n = fits == 0 ? 0 : write(g_up.fd, data, fits);
-  if (n > 0) g_up.written += n;
+  if (n > 0) {
+    g_up.written += n;
+    g_up.prehash.feed(data, static_cast<size_t>(n));
+  }
   return fits == len && n == static_cast<ssize_t>(len);
 }
 
@@ -187,7 +192,7 @@ void verify(mcast_endpoint* ep, install_job* job) {
   // A keyed camera installs only what a site key signed: the signature
   // travels at the end of the file and is cut off before anything else.
   uint64_t payload = static_cast<uint64_t>(g_up.file_size);
-  const signature_check sig = take_signature_trailer(path, &payload);
+  const signature_check sig = take_signature_trailer(path, &payload, &g_up.prehash);
   if (!sig.ok) {
     DBG_ERR("signature check failed: %s\n", sig.why.c_str());
     TRACE("signature check failed: %s\n", sig.why.c_str());
@@ -229,6 +234,7 @@ void first_packet(mcast_endpoint* ep, const wire::packet_view& p) {
     send_upgrade_ack(ep, wire::ACK_WRITE_FAILED);
     return;
   }
+  g_up.prehash.start(static_cast<uint64_t>(std::max(g_up.file_size, 0)), camera_is_keyed());
   if (!write_whole(p.data, p.len)) {
     DBG_ERR("write dstfile failed\n");
     close_file();

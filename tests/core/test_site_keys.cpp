@@ -2,6 +2,8 @@
 // detached signature must hold, and what is left behind when one fails.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "core/site_keys.h"
 #include "fakes/fake_platform.h"
 
@@ -60,6 +62,45 @@ TEST(SiteKeys, KeyedCameraNeedsAGoodSignatureFromAReadableKey) {
     EXPECT_FALSE(take_signature_trailer("/dev/a.zip", nullptr).ok);
     EXPECT_EQ(cam.read("/dev/a.zip").size(), f.size());
   }
+}
+
+// A keyed camera hashes a multicast file while it arrives. The verdict is
+// the one the file on disk gets: chunks of any size, the signature's tail
+// arriving in pieces, a stream that missed bytes (the file is read instead).
+TEST(SiteKeys, FileHashedAsItArrivesGetsTheVerdictOfTheStoredFile) {
+  FakeCamera cam;
+  wire::key_pair k = wire::generate_key_pair();
+  cam.write("/customer/keys/site.pub", wire::format_public_key(k.pub));
+  std::string payload(20000, '\0');
+  for (size_t i = 0; i < payload.size(); ++i) payload[i] = static_cast<char>(i * 7 + i / 251);
+  const std::string good = payload + wire::build_trailer(sig_text(k, payload));
+  std::string altered = good;
+  altered[100] ^= 1;
+  struct stream_case {
+    std::string file;
+    size_t chunk;
+    size_t skip;  // bytes the stream never saw
+    bool ok;
+  };
+  for (const stream_case& c : {stream_case{good, 5078, 0, true}, {good, 1, 0, true},
+                               {good, 3000, 3000, true}, {altered, 5078, 0, false},
+                               {altered, 4096, 4096, false}}) {
+    streamed_prehash h;
+    h.start(c.file.size(), true);
+    for (size_t at = c.skip; at < c.file.size(); at += c.chunk)
+      h.feed(c.file.data() + at, std::min(c.chunk, c.file.size() - at));
+    cam.write("/dev/s.zip", c.file);
+    uint64_t size = 0;
+    EXPECT_EQ(take_signature_trailer("/dev/s.zip", &size, &h).ok, c.ok) << c.chunk << " " << c.skip;
+    EXPECT_EQ(cam.read("/dev/s.zip").size(), c.ok ? payload.size() : c.file.size());
+  }
+  // What is checked is what arrived: bytes changed in the stored file behind
+  // the stream's back after they were hashed do not pass as the received ones.
+  streamed_prehash h;
+  h.start(good.size(), true);
+  h.feed(altered.data(), altered.size());
+  cam.write("/dev/s.zip", good);
+  EXPECT_FALSE(take_signature_trailer("/dev/s.zip", nullptr, &h).ok);
 }
 
 }  // namespace

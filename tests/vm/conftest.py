@@ -6,8 +6,8 @@
 
 Every virtual camera is installed from the camera archive, as a firmware
 team installs a camera: $UPGRADE_ARMHF_PACKAGE, else the archive of
-build/armhf, made anew from the armhf build for each run. The STM32
-simulator is the newest host build of stm32_serve.
+build/armhf, made anew from the armhf build (brought up to date) for each
+run. The STM32 simulator is the newest host build of stm32_serve.
 """
 
 import os
@@ -34,6 +34,9 @@ def rig_session():
         build = TOP / "build" / "armhf"
         if not (build / "upgrade").is_file():
             pytest.fail(f"no armhf daemon in {build}: build the armhf preset")
+        # Brings the build (and its packaging rules) up to date first.
+        subprocess.run(["cmake", "--build", build, "--target", "upgrade"], check=True,
+                       stdout=subprocess.DEVNULL)
         subprocess.run(["cpack"], cwd=build, check=True, stdout=subprocess.DEVNULL)
         package = vmcam.find_package(build)
     daemon = Path(package)

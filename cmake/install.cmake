@@ -12,7 +12,7 @@ if(CMAKE_CROSSCOMPILING)
   # The overlay's paths are relative to the camera's root: `cmake --install
   # build/armhf --prefix ROOTFS` installs into a root file system tree (the
   # preset's default is build/armhf/camera-root). Never into this machine's
-  # own root: the init script would start the daemon here at the next boot.
+  # own /, /usr or /usr/local: the daemon and its init script are for a camera.
   install(CODE [[
     get_filename_component(root "$ENV{DESTDIR}${CMAKE_INSTALL_PREFIX}" ABSOLUTE)
     if(root MATCHES "^/(usr(/local)?)?$")

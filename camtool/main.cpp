@@ -57,7 +57,7 @@ int main(int argc, char** argv) {
   app.require_subcommand(1);
   app.fallthrough();
   app.footer(kFooter);
-  app.set_version_flag("--version", "camtool 3.1.34");
+  app.set_version_flag("--version", "camtool " CAMTOOL_VERSION);
   settings s;
   app.add_option("--iface", s.iface,
                  "interface to use (default: the default route's, or the only one with IPv4)");

@@ -3,7 +3,10 @@ tools/demo and `tools/camlab demo`): camtool finds it, sends it a multicast
 upgrade of its kernel partition and shows every acknowledgement; the camera
 reboots through its watchdog, camtool sees it back, and a last search finds it.
 
-    /usr/bin/python3 sim/vm/demo.py build/armhf/upgrade build/host-release/camtool/camtool
+    /usr/bin/python3 sim/vm/demo.py build/armhf/upgrade-VERSION-armhf.tar.gz \
+        build/host-release/camtool/camtool
+
+The camera is installed from the camera archive (or a bare armhf daemon).
 
 camtool runs inside the lab's LAN namespace, never on this machine's network.
 """

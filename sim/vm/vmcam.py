@@ -67,6 +67,29 @@ def build_image():
     return IMAGE_DIR
 
 
+def install_daemon(source, root):
+    """Puts the daemon into a camera root: `source` is the camera archive
+    (upgrade-<version>-armhf.tar.gz, unpacked over the root as a firmware
+    team does) or a bare armhf binary, which gets the archive's init script
+    from the source tree beside it."""
+    source = Path(source)
+    if source.name.endswith(".tar.gz"):
+        run(["tar", "-xzf", source, "-C", root])
+        return
+    for rel, src in (("bin/upgrade", source),
+                     ("etc/init.d/S90upgrade", TOP / "packaging/camera/S90upgrade")):
+        dest = Path(root) / rel
+        dest.parent.mkdir(parents=True, exist_ok=True)
+        shutil.copy2(src, dest)
+        os.chmod(dest, 0o755)
+
+
+def find_package(build_dir=TOP / "build" / "armhf"):
+    """The newest camera archive of an armhf build, or None."""
+    found = [p for p in Path(build_dir).glob("upgrade-*-armhf.tar.gz") if p.is_file()]
+    return max(found, key=lambda p: p.stat().st_mtime) if found else None
+
+
 def find_program(name):
     """The newest host build of a program (build/host-*/...)."""
     found = [p for p in (TOP / "build").glob(f"host-*/**/{name}") if p.is_file()]
@@ -204,8 +227,10 @@ class VirtualCamera(HostFiles):
         shutil.rmtree(stage, ignore_errors=True)
         for d in ("bin", "etc"):
             (stage / d).mkdir(parents=True)
-        shutil.copy2(self.upgrade_bin, stage / "bin/upgrade")
-        os.chmod(stage / "bin/upgrade", 0o755)
+        install_daemon(self.upgrade_bin, stage)
+        if self.word:
+            (stage / "etc/default").mkdir(parents=True, exist_ok=True)
+            (stage / "etc/default/upgrade").write_text(f"UPGRADE_ARGS='{self.word}'\n")
         parts = ",".join(str(c) for _n, _f, c in partition_table(self.parts)[:-1])
         env = {
             "CAM_NAME": self.name, "CAM_IP": self.ip, "CAM_PREFIX": "24",

@@ -4,11 +4,14 @@
         cam = start_vm()
         [reply] = lan.search(count=1, from_ip=cam.ip)
 
-The daemon is the armhf build ($UPGRADE_ARMHF_BIN, else build/armhf/upgrade);
-the STM32 simulator is the newest host build of stm32_serve.
+Every virtual camera is installed from the camera archive, as a firmware
+team installs a camera: $UPGRADE_ARMHF_PACKAGE, else the archive of
+build/armhf, made anew from the armhf build (brought up to date) for each
+run. The STM32 simulator is the newest host build of stm32_serve.
 """
 
 import os
+import subprocess
 import sys
 from pathlib import Path
 
@@ -26,9 +29,19 @@ from rigfixtures import (  # noqa: E402,F401  (fixtures and the hook, for pytest
 def rig_session():
     if os.geteuid() != 0:
         pytest.skip("the virtual camera needs root (taps, namespaces)")
-    daemon = Path(os.environ.get("UPGRADE_ARMHF_BIN", TOP / "build" / "armhf" / "upgrade"))
+    package = os.environ.get("UPGRADE_ARMHF_PACKAGE")
+    if package is None:
+        build = TOP / "build" / "armhf"
+        if not (build / "upgrade").is_file():
+            pytest.fail(f"no armhf daemon in {build}: build the armhf preset")
+        # Brings the build (and its packaging rules) up to date first.
+        subprocess.run(["cmake", "--build", build, "--target", "upgrade"], check=True,
+                       stdout=subprocess.DEVNULL)
+        subprocess.run(["cpack"], cwd=build, check=True, stdout=subprocess.DEVNULL)
+        package = vmcam.find_package(build)
+    daemon = Path(package)
     if not daemon.is_file():
-        pytest.fail(f"no armhf daemon at {daemon}: build the armhf preset")
+        pytest.fail(f"no camera archive at {daemon}")
     if vmcam.find_program("stm32_serve") is None:
         pytest.fail("no stm32_serve: build a host preset")
     vmcam.build_image()

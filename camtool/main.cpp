@@ -281,7 +281,7 @@ int main(int argc, char** argv) {
       if (!up_key.empty() || !up_sig.empty())
         f = signed_upgrade_file(std::move(f), uo.file_name, up_key, up_sig, terminal_passphrase());
       check_upgrade(uo, f->size());
-      lazy_lan lan(lan_opener(s, {channel::search, channel::batch, channel::status}));
+      lazy_lan lan(lan_opener(s, {channel::batch, channel::status}));
       return run_upgrade(lan(), client_id, *f, uo, std::cout, std::cerr);
     }
     if (status->parsed()) {

@@ -139,7 +139,9 @@ def test_signed_commands_are_taken_once(start_camera, lan, camtool, tmp_path):
         wait_boots(cam, 2)
         assert "1.1.1.1" in cam.read_text("/etc/resolv.conf")
         # The same bytes again: the challenge they were signed over is gone.
+        # (Sent once, so only after the listener has joined its group again.)
         cam.write("/etc/resolv.conf", "nameserver 8.8.8.8\n")
+        assert lan.search(count=1, from_ip=cam.ip, timeout=10)
         assert not lan.request(signed, match=b"SUCCEED", timeout=2)
         cam.wait_line("command refused")
         assert "8.8.8.8" in cam.read_text("/etc/resolv.conf")

@@ -38,9 +38,13 @@ std::string field(const wire::id_reply& r, const std::string& key) {
 const char* kKeyedHint =
     " (a keyed camera takes only a command signed by one of its keys over its current challenge)";
 
-[[noreturn]] void not_taken(const wire::camera_record& c, const char* what, const delivery& d) {
+// `outcome`: "take it" for a command that makes the camera go silent (it
+// cannot have taken one it read and went on answering after), "answer it"
+// for one whose answer may also have been lost on its way.
+[[noreturn]] void not_taken(const wire::camera_record& c, const char* what, const delivery& d,
+                            const char* outcome = "take it") {
   throw tool_error(camera_name(c) + " read the " + what + " " + std::to_string(d.copies) +
-                       (d.copies == 1 ? " time" : " times") + " and did not take it" +
+                       (d.copies == 1 ? " time" : " times") + " and did not " + outcome +
                        (c.challenge.empty() ? "" : kKeyedHint),
                    kExitFailed);
 }
@@ -273,7 +277,7 @@ int cmd_board_test(command_context& ctx, const std::string& who, wire::board_tes
                          return r && r->device_id == c.device_id && r->client_id == ctx.client_id;
                        },
                        opts);
-  if (d.end == delivery_end::ignored) not_taken(c, "board test command", d);
+  if (d.end == delivery_end::ignored) not_taken(c, "board test command", d, "answer it");
   if (d.end == delivery_end::silent) silent(c, "board test result", ctx.timeout);
   wire::board_test_result r = *wire::parse_board_test(d.reply->data);
   bool passed = r.finished;
@@ -394,7 +398,7 @@ int cmd_production(command_context& ctx, const std::string& who) {
   delivery d = deliver(ctx.lan(), c.device_id,
                        wire::addressed_request(wire::KW_PRODUCTIO, c.device_id, ctx.client_id),
                        reply_from(wire::kKeywords[wire::KW_PRODUCTIO], c.device_id, ctx.client_id), o);
-  if (d.end == delivery_end::ignored) not_taken(c, "request", d);
+  if (d.end == delivery_end::ignored) not_taken(c, "request", d, "answer it");
   if (d.end == delivery_end::silent) silent(c, "production counters", ctx.timeout);
   auto r = *wire::parse_id_reply(wire::kKeywords[wire::KW_PRODUCTIO], d.reply->data);
   std::string boots = field(r, "boot_times"), curves = field(r, "curve_times");

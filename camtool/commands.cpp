@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <nlohmann/json.hpp>
 
+#include "camtool/delivery.h"
 #include "camtool/finder.h"
 #include "camtool/output.h"
 #include "wire/replies.h"
@@ -17,12 +18,6 @@ using nlohmann::json;
 
 std::string camera_name(const wire::camera_record& c) {
   return c.device_id + (c.ip.empty() ? "" : " (" + c.ip + ")");
-}
-
-[[noreturn]] void no_reply(const wire::camera_record& c, const char* what, double timeout) {
-  throw tool_error("no " + std::string(what) + " from " + camera_name(c) + " within " +
-                       seconds_text(timeout),
-                   kExitFailed);
 }
 
 // A reply to this tool's command from this camera.
@@ -40,18 +35,72 @@ std::string field(const wire::id_reply& r, const std::string& key) {
   return "";
 }
 
+const char* kKeyedHint =
+    " (a keyed camera takes only a command signed by one of its keys over its current challenge)";
+
+// `outcome`: "take it" for a command that makes the camera go silent (it
+// cannot have taken one it read and went on answering after), "answer it"
+// for one whose answer may also have been lost on its way.
+[[noreturn]] void not_taken(const wire::camera_record& c, const char* what, const delivery& d,
+                            const char* outcome = "take it") {
+  throw tool_error(camera_name(c) + " read the " + what + " " + std::to_string(d.copies) +
+                       (d.copies == 1 ? " time" : " times") + " and did not " + outcome +
+                       (c.challenge.empty() ? "" : kKeyedHint),
+                   kExitFailed);
+}
+
+[[noreturn]] void silent(const wire::camera_record& c, const char* what, double silence) {
+  throw tool_error("no " + std::string(what) + " from " + camera_name(c) + ": it has answered nothing for " +
+                       seconds_text(silence) +
+                       " since the request (busy with an earlier command, or down; --timeout waits longer)",
+                   kExitFailed);
+}
+
 // Sends a command that makes the camera store settings and reboot, and
-// waits for its "SUCCEED *".
-int settings_command(command_context& ctx, const wire::camera_record& c, const std::string& request,
-                     json settings) {
-  auto got = exchange(ctx.lan(), channel::search, ctx.signed_request(c, request), ctx.timeout, 0,
-                      reply_from(wire::kKeywords[wire::KW_SUCCEED], c.device_id, ctx.client_id));
-  if (!got) no_reply(c, "confirmation", ctx.timeout);
+// waits for its "SUCCEED *". When that never comes and the camera goes
+// silent (as one that took the command does: it waits, then reboots), it is
+// followed until it answers again, and its search record says whether it
+// restarted with the settings: `differs` names the settings it does not show.
+int settings_command(command_context& ctx, const wire::camera_record& c, time_point known_at,
+                     const std::string& request, json settings,
+                     const std::function<std::string(const wire::camera_record&)>& differs) {
+  transport& net = ctx.lan();
+  auto is_reply = reply_from(wire::kKeywords[wire::KW_SUCCEED], c.device_id, ctx.client_id);
+  delivery_options o;
+  o.silence = ctx.timeout;
+  delivery d = deliver(net, c.device_id, ctx.signed_request(c, request), is_reply, o);
+  if (d.end == delivery_end::ignored) not_taken(c, "command", d);
+  bool back = false;
+  if (d.end == delivery_end::silent) {
+    if (!ctx.json)
+      ctx.err << camera_name(c) << ": no confirmation yet, and it has answered nothing since the command"
+              << " (a camera that took it waits, then reboots): waiting up to " << seconds_text(ctx.back_wait)
+              << " for it to come back\n";
+    comeback cb = await_comeback(net, ctx.client_id, c, known_at, ctx.back_wait, is_reply);
+    if (!cb.late_reply) {
+      if (!cb.record)
+        throw tool_error(camera_name(c) + " sent no confirmation, went silent after the command as a camera that "
+                             "takes it does, and was not back within " + seconds_text(ctx.back_wait) +
+                             ": 'camtool search' shows whether it took the settings",
+                         kExitFailed);
+      if (!cb.rebooted)
+        throw tool_error(camera_name(c) + " answered again without rebooting and without a confirmation: it did "
+                             "not take the command",
+                         kExitFailed);
+      std::string diff = differs(*cb.record);
+      if (!diff.empty())
+        throw tool_error(camera_name(c) + " rebooted, but came back without the settings sent (" + diff + ")",
+                         kExitFailed);
+      back = true;
+    }
+  }
   if (ctx.json) {
-    ctx.out << json{{"device_id", c.device_id}, {"ip", c.ip}, {"accepted", true},
-                    {"settings", settings}}
-                   .dump()
-            << "\n";
+    json j{{"device_id", c.device_id}, {"ip", c.ip}, {"accepted", true}, {"settings", settings}};
+    if (back) j["confirmed_by"] = "its return with the settings";
+    ctx.out << j.dump() << "\n";
+  } else if (back) {
+    ctx.out << camera_name(c) << ": accepted; its confirmation was lost, but it came back after its reboot with"
+            << " the settings\n";
   } else {
     ctx.out << camera_name(c) << ": accepted; the camera reboots to apply it (about 7 s)\n";
   }
@@ -118,14 +167,35 @@ std::string settings_text(const wire::net_settings& s) {
          s.netmask + " gateway=" + s.gateway + " fdns=" + s.fdns + " macaddr=" + s.macaddr;
 }
 
+std::string settings_differ(const wire::net_settings& sent, const wire::net_settings& now) {
+  std::vector<std::string> diff;
+  auto check = [&](const char* key, const std::string& want, const std::string& got) {
+    if (want != got) diff.push_back(std::string(key) + "=" + got);
+  };
+  check("dhcp", sent.dhcp ? "1" : "0", now.dhcp ? "1" : "0");
+  if (!sent.dhcp) {  // with DHCP the server chooses these
+    check("ipaddr", sent.ipaddr, now.ipaddr);
+    check("netmask", sent.netmask, now.netmask);
+    check("gateway", sent.gateway, now.gateway);
+    check("fdns", sent.fdns, now.fdns);
+  }
+  check("macaddr", sent.macaddr, now.macaddr);
+  std::string out;
+  for (const auto& d : diff) out += (out.empty() ? "" : " ") + d;
+  return out;
+}
+
 int cmd_confignet(command_context& ctx, const std::string& who, const confignet_flags& f) {
   check_confignet(f);
   check_camera_argument(who);
   wire::camera_record c = resolve(ctx.lan(), ctx.client_id, who, ctx.search_wait);
+  time_point known_at = ctx.lan().now();
   wire::net_settings s = merge_settings(settings_of(c), f);
   if (!ctx.json) ctx.err << camera_name(c) << ": " << settings_text(s) << "\n";
-  return settings_command(ctx, c, wire::confignet_request(c.device_id, ctx.client_id, s),
-                          settings_json(s));
+  return settings_command(ctx, c, known_at, wire::confignet_request(c.device_id, ctx.client_id, s),
+                          settings_json(s), [s](const wire::camera_record& now) {
+                            return settings_differ(s, settings_of(now));
+                          });
 }
 
 int cmd_lumconfig(command_context& ctx, const std::string& who, const std::optional<std::string>& serial,
@@ -138,48 +208,47 @@ int cmd_lumconfig(command_context& ctx, const std::string& who, const std::optio
     throw tool_error("--mac '" + *mac + "' is not a unicast MAC address (such as 02:12:34:56:78:9a)");
   check_camera_argument(who);
   wire::camera_record c = resolve(ctx.lan(), ctx.client_id, who, ctx.search_wait);
+  time_point known_at = ctx.lan().now();
   // Both travel in every command: keep the camera's own for the one not given.
   std::string s = serial.value_or(c.serial);
   std::string m = mac ? *wire::normal_mac(*mac) : c.mac;
-  return settings_command(ctx, c, wire::lumconfig_request(c.device_id, ctx.client_id, s, m),
-                          json{{"serial", s}, {"mac", m}});
+  return settings_command(ctx, c, known_at, wire::lumconfig_request(c.device_id, ctx.client_id, s, m),
+                          json{{"serial", s}, {"mac", m}}, [s, m](const wire::camera_record& now) {
+                            std::string diff;
+                            if (now.serial != s) diff = "serial " + now.serial;
+                            if (now.mac != m) diff += (diff.empty() ? "" : ", ") + std::string("MAC ") + now.mac;
+                            return diff;
+                          });
 }
 
 int cmd_reboot(command_context& ctx, const std::string& who, bool wait) {
   check_camera_argument(who);
   transport& net = ctx.lan();
   wire::camera_record c = resolve(net, ctx.client_id, who, ctx.search_wait);
-  time_point sent = net.now();
-  net.send(channel::search, ctx.signed_request(c, wire::addressed_request(wire::KW_CAMERA_RE,
-                                                                           c.device_id, ctx.client_id)));
+  const std::string request = ctx.signed_request(
+      c, wire::addressed_request(wire::KW_CAMERA_RE, c.device_id, ctx.client_id));
   if (!wait) {
+    net.send(channel::batch, request);
     ctx.out << camera_name(c) << ": reboot sent (the camera does not answer this command)\n";
     return 0;
   }
-  // The camera answers searches until it goes down, some seconds later.
-  time_point last = sent, end = after(sent, ctx.timeout);
-  const double silent = 2.0;
-  while (!interrupted() && net.now() < end) {
-    search(net, ctx.client_id, kResendInterval, [&](const camera_map& m) {
-      if (m.count(c.device_id)) last = net.now();
-      return false;
-    });
-    if (between(last, net.now()) >= silent) {
-      ctx.out << camera_name(c) << ": rebooting (silent since " << seconds_text(between(sent, last))
-              << " after the command)\n";
-      return 0;
-    }
-  }
-  throw tool_error(camera_name(c) + " still answers " + seconds_text(ctx.timeout) +
-                       " after the reboot command",
-                   kExitFailed);
+  // The camera does not answer it: once it has read the command it answers
+  // nothing more on this group (it waits 5 s, then reboots); a camera that
+  // still answers the query behind it did not get it or did not take it.
+  delivery_options o;
+  o.answered = false;
+  o.silence = kRebootSilence;
+  delivery d = deliver(net, c.device_id, request, {}, o);
+  if (d.end != delivery_end::silent) not_taken(c, "reboot command", d);
+  ctx.out << camera_name(c) << ": rebooting (it has answered nothing since the command)\n";
+  return 0;
 }
 
 int cmd_flicker(command_context& ctx, const std::string& who, const std::string& state) {
   if (state != "on" && state != "off") throw tool_error("flicker takes on or off, not '" + state + "'");
   check_camera_argument(who);
   wire::camera_record c = resolve(ctx.lan(), ctx.client_id, who, ctx.search_wait);
-  ctx.lan().send(channel::search,
+  ctx.lan().send(channel::batch,
                  ctx.signed_request(c, wire::flicker_request(c.device_id, ctx.client_id, state == "on")));
   ctx.out << camera_name(c) << ": LED flicker " << state
           << " sent (the camera does not answer this command)\n";
@@ -198,15 +267,19 @@ int cmd_board_test(command_context& ctx, const std::string& who, wire::board_tes
   }
   ctx.err << camera_name(c) << ": board test, type " << o.type
           << " (it stops the camera's main application: reboot the camera afterwards)\n";
-  auto got = exchange(ctx.lan(), channel::search,
-                      ctx.signed_request(c, wire::board_test_request(c.device_id, ctx.client_id, o)),
-                      ctx.timeout, 0,
-                      [&](const datagram& d) {
-                        auto r = wire::parse_board_test(d.data);
-                        return r && r->device_id == c.device_id && r->client_id == ctx.client_id;
-                      });
-  if (!got) no_reply(c, "board test result", ctx.timeout);
-  wire::board_test_result r = *wire::parse_board_test(got->data);
+  delivery_options opts;
+  opts.silence = ctx.timeout;
+  opts.copies = 2;  // a second run only when the first was lost or its result was
+  delivery d = deliver(ctx.lan(), c.device_id,
+                       ctx.signed_request(c, wire::board_test_request(c.device_id, ctx.client_id, o)),
+                       [&](const datagram& g) {
+                         auto r = wire::parse_board_test(g.data);
+                         return r && r->device_id == c.device_id && r->client_id == ctx.client_id;
+                       },
+                       opts);
+  if (d.end == delivery_end::ignored) not_taken(c, "board test command", d, "answer it");
+  if (d.end == delivery_end::silent) silent(c, "board test result", ctx.timeout);
+  wire::board_test_result r = *wire::parse_board_test(d.reply->data);
   bool passed = r.finished;
   json checks = json::object();
   std::vector<std::vector<std::string>> rows;
@@ -320,12 +393,14 @@ int cmd_query(command_context& ctx, const std::vector<std::string>& who) {
 int cmd_production(command_context& ctx, const std::string& who) {
   check_camera_argument(who);
   wire::camera_record c = resolve(ctx.lan(), ctx.client_id, who, ctx.search_wait);
-  auto got = exchange(ctx.lan(), channel::search,
-                      wire::addressed_request(wire::KW_PRODUCTIO, c.device_id, ctx.client_id),
-                      ctx.timeout, 1.0,
-                      reply_from(wire::kKeywords[wire::KW_PRODUCTIO], c.device_id, ctx.client_id));
-  if (!got) no_reply(c, "production counters", ctx.timeout);
-  auto r = *wire::parse_id_reply(wire::kKeywords[wire::KW_PRODUCTIO], got->data);
+  delivery_options o;
+  o.silence = ctx.timeout;
+  delivery d = deliver(ctx.lan(), c.device_id,
+                       wire::addressed_request(wire::KW_PRODUCTIO, c.device_id, ctx.client_id),
+                       reply_from(wire::kKeywords[wire::KW_PRODUCTIO], c.device_id, ctx.client_id), o);
+  if (d.end == delivery_end::ignored) not_taken(c, "request", d, "answer it");
+  if (d.end == delivery_end::silent) silent(c, "production counters", ctx.timeout);
+  auto r = *wire::parse_id_reply(wire::kKeywords[wire::KW_PRODUCTIO], d.reply->data);
   std::string boots = field(r, "boot_times"), curves = field(r, "curve_times");
   if (ctx.json)
     ctx.out << json{{"device_id", c.device_id}, {"boot_times", strtoll(boots.c_str(), nullptr, 10)},

@@ -24,8 +24,9 @@ struct command_context {
   std::ostream& out;
   std::ostream& err;
   bool json = false;
-  double timeout = 3.0;      // for the reply
+  double timeout = 3.0;      // for the reply: how long a camera that answers nothing is waited for
   double search_wait = 3.0;  // for finding the camera
+  double back_wait = 60.0;   // for a camera that went silent without confirming a settings command
   // Signs a changing command for a keyed camera (its search reply carried a
   // challenge); unset: commands go out as they are.
   std::function<std::string(const wire::camera_record&, const std::string&)> sign;
@@ -45,6 +46,12 @@ wire::net_settings settings_of(const wire::camera_record& c);
 nlohmann::json settings_json(const wire::net_settings& s);
 // "dhcp=0 ipaddr=... macaddr=...", shown before a settings command is sent.
 std::string settings_text(const wire::net_settings& s);
+// The settings a camera shows that differ from those sent, as "key=shown"
+// texts ("" when it shows them all; address settings not with DHCP).
+std::string settings_differ(const wire::net_settings& sent, const wire::net_settings& now);
+
+// A camera that took a reboot command answers nothing after it this long.
+inline constexpr double kRebootSilence = 2.0;
 
 int cmd_confignet(command_context& ctx, const std::string& who, const confignet_flags& f);
 int cmd_reboot(command_context& ctx, const std::string& who, bool wait);

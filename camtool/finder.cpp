@@ -16,7 +16,6 @@ camera_map search(transport& net, const std::string& client_id, double wait,
   const std::string request = wire::search_request(client_id);
   time_point end = after(net.now(), wait);
   while (!interrupted()) {
-    net.send(channel::search, request);
     net.send(channel::batch, request);
     time_point resend = std::min(end, after(net.now(), kResendInterval));
     while (auto d = net.receive(resend)) {

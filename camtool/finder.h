@@ -1,6 +1,10 @@
-// Finding cameras: "SEARCH * " on both groups, resent while waiting, one
-// record per device ID; resolving the camera a command names by its device
-// ID or its address; the search table and its JSON form.
+// Finding cameras: "SEARCH * " on the batch group only, resent while
+// waiting, one record per device ID; resolving the camera a command names by
+// its device ID or its address; the search table and its JSON form. Every
+// camera answers a search on the group it came on and hears the others'
+// answers there: on the search group each of them would cost every camera a
+// 300 ms pause (and delay the next command by the site's size times that),
+// on the batch group nothing.
 #pragma once
 
 #include <functional>

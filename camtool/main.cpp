@@ -87,9 +87,18 @@ int main(int argc, char** argv) {
       "set a camera's network settings (the camera reboots to apply them)"), s, 3), s);
   camera_arg(confignet);
   settings_flags(confignet, true);
+  double back_wait = 60.0;
+  auto with_back_wait = [&](CLI::App* cmd) {
+    cmd->add_option("--back-wait", back_wait,
+                    "seconds to wait for a camera that went silent without confirming\n"
+                    "(it took the command and reboots, or its confirmation was lost)")
+        ->capture_default_str()
+        ->check(CLI::PositiveNumber);
+  };
+  with_back_wait(confignet);
 
   bool no_wait = false;
-  auto* reboot = with_timeout(app.add_subcommand("reboot", "reboot a camera and see it go down"), s, 20);
+  auto* reboot = app.add_subcommand("reboot", "reboot a camera and see it go down");
   camera_arg(reboot);
   reboot->add_flag("--no-wait", no_wait, "send the command and return");
 
@@ -108,16 +117,17 @@ int main(int argc, char** argv) {
   board->add_flag("--sdi", bo.sdi, "test the SDI transmitter");
 
   std::vector<std::string> whos;
-  auto* query = with_json(with_timeout(app.add_subcommand("query", "firmware version and partition table"), s, 3), s);
+  auto* query = with_json(with_timeout(app.add_subcommand("query", "firmware version and partition table"), s, 10), s);
   query->add_option("CAMERA", whos, "device IDs or IPv4 addresses")->required();
 
-  auto* production = with_json(with_timeout(app.add_subcommand("production", "production counters"), s, 3), s);
+  auto* production = with_json(with_timeout(app.add_subcommand("production", "production counters"), s, 10), s);
   camera_arg(production);
 
   std::optional<std::string> serial, mac;
   auto* lumconfig = with_json(with_timeout(app.add_subcommand("lumconfig",
       "set a camera's serial number and MAC address (the camera reboots)"), s, 3), s);
   camera_arg(lumconfig);
+  with_back_wait(lumconfig);
   lumconfig->add_option("--serial", serial, "serial number (up to 63 characters)");
   lumconfig->add_option("--mac", mac, "MAC address");
 
@@ -260,7 +270,7 @@ int main(int argc, char** argv) {
     if (sign->parsed()) return cmd_sign(sg, terminal_passphrase(), std::cout);
     if (search->parsed()) {
       so.json = s.json;
-      lazy_lan lan(lan_opener(s, {channel::search, channel::batch}));
+      lazy_lan lan(lan_opener(s, {channel::batch}));
       return run_search(lan(), client_id, so, std::cout);
     }
     if (upgrade->parsed()) {
@@ -271,7 +281,7 @@ int main(int argc, char** argv) {
       if (!up_key.empty() || !up_sig.empty())
         f = signed_upgrade_file(std::move(f), uo.file_name, up_key, up_sig, terminal_passphrase());
       check_upgrade(uo, f->size());
-      lazy_lan lan(lan_opener(s, {channel::search, channel::batch, channel::status}));
+      lazy_lan lan(lan_opener(s, {channel::batch, channel::status}));
       return run_upgrade(lan(), client_id, *f, uo, std::cout, std::cerr);
     }
     if (status->parsed()) {
@@ -284,7 +294,7 @@ int main(int argc, char** argv) {
       if (cmd->parsed()) timeout = t;
     if (partner->parsed()) {
       lazy_lan lan(lan_opener(s, {channel::partner, channel::partner_alt, channel::direct}));
-      command_context ctx{lan, client_id, std::cout, std::cerr, s.json, timeout, 3.0, {}};
+      command_context ctx{lan, client_id, std::cout, std::cerr, s.json, timeout, 3.0, back_wait, {}};
       if (p_search->parsed()) return cmd_partner_search(ctx, p_wait);
       if (p_query->parsed()) return cmd_partner_query(ctx, who);
       if (p_set->parsed()) return cmd_partner_set(ctx, who, cf);
@@ -292,13 +302,13 @@ int main(int argc, char** argv) {
     }
     if (bcast->parsed()) {
       lazy_lan lan(lan_opener(s, {channel::direct}));
-      command_context ctx{lan, client_id, std::cout, std::cerr, s.json, timeout, 3.0, {}};
+      command_context ctx{lan, client_id, std::cout, std::cerr, s.json, timeout, 3.0, back_wait, {}};
       if (b_discover->parsed()) return cmd_broadcast_discover(ctx, b_to, b_wait);
       if (b_netconfig->parsed()) return cmd_broadcast_netconfig(ctx, who, cf);
       return cmd_broadcast_production(ctx, who, action, action_value);
     }
-    lazy_lan lan(lan_opener(s, {channel::search, channel::batch}));
-    command_context ctx{lan, client_id, std::cout, std::cerr, s.json, timeout, 3.0, {}};
+    lazy_lan lan(lan_opener(s, {channel::batch}));
+    command_context ctx{lan, client_id, std::cout, std::cerr, s.json, timeout, 3.0, back_wait, {}};
     ctx.sign = [&](const wire::camera_record& c, const std::string& request) {
       return sign_for(c, request, cmd_key, terminal_passphrase());
     };

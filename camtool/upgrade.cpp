@@ -482,7 +482,7 @@ class upgrade_run {
         all = all && c->settled;
       }
       if (all) return;
-      net_.send(channel::search, search);
+      net_.send(channel::batch, search);
       wait_until(after(net_.now(), kResendInterval));
     }
   }

@@ -1,5 +1,6 @@
 """Camera sandbox: the LAN the cameras hang off (a network namespace with a
-bridge), multicast listeners, replies and the DHCP server."""
+bridge), multicast listeners, replies, the DHCP server and the loss of a bad
+site (an nftables bridge table in the LAN namespace)."""
 
 from __future__ import annotations
 
@@ -22,6 +23,61 @@ def search_datagram(client_id="0123456789abcdef0123456789abcdef", extra=b""):
     head = b"SEARCH * \r\nSEQ=1\r\nClient ID:"
     assert len(head) == 28
     return head + cid + extra
+
+
+LOSS_TABLE = "camlab_loss"
+
+
+def loss_ruleset(percent, burst_ms=0):
+    """nftables commands that give every camera's port of the LAN bridge
+    independent random loss: each IPv4 packet the bridge hands to a camera's
+    port (from the tool or another camera) or takes from one for the tool is
+    lost with `percent` % probability, the copies of one multicast datagram
+    to different ports independently. `ip daddr`-level matching (not `udp`)
+    so that every fragment of a large datagram counts. With `burst_ms`, a
+    loss starts an outage of that port: everything to and from it is lost for
+    `burst_ms` ms. 0 % takes the table away."""
+    if not 0 <= percent <= 100:
+        raise ValueError(f"loss {percent} % is not between 0 and 100")
+    if burst_ms < 0:
+        raise ValueError(f"burst {burst_ms} ms is negative")
+    # Replacing is "add, flush, delete, then build": works whether or not
+    # the table exists.
+    lines = [f"add table bridge {LOSS_TABLE}", f"delete table bridge {LOSS_TABLE}"]
+    if percent == 0:
+        return "\n".join(lines) + "\n"
+    parts = round(percent * 10000)  # per million
+    chance = "" if parts >= 1000000 else f"numgen random mod 1000000 < {parts}"
+    lines.append(f"add table bridge {LOSS_TABLE}")
+    if burst_ms:
+        lines.append(f"add set bridge {LOSS_TABLE} outage {{ type ifname; flags dynamic,timeout; "
+                     f"timeout {int(burst_ms)}ms; }}")
+    # Chain names: not nft keywords ("fwd" is one).
+    for chain, hook, ports in (("to_port", "output", ("oifname",)),
+                               ("between_ports", "forward", ("oifname", "iifname")),
+                               ("from_port", "input", ("iifname",))):
+        lines.append(f"add chain bridge {LOSS_TABLE} {chain} {{ type filter hook {hook} "
+                     f"priority 0; policy accept; }}")
+        rule = f"add rule bridge {LOSS_TABLE} {chain} meta protocol ip"
+        if burst_ms:
+            for port in ports:
+                lines.append(f"{rule} {port} @outage counter drop")
+            lines.append(f"{rule} {chance} add @outage {{ {ports[0]} }} counter drop")
+        else:
+            lines.append(f"{rule} {chance} counter drop")
+    return "\n".join(lines) + "\n"
+
+
+def set_loss(netns, percent, burst_ms=0):
+    """Applies loss_ruleset() in the network namespace `netns` (a name)."""
+    run(["ip", "netns", "exec", netns, "nft", "-f", "-"], input=loss_ruleset(percent, burst_ms))
+
+
+def lost_packets(netns):
+    """Packets the loss table of `netns` dropped so far (0 without one)."""
+    p = run(["ip", "netns", "exec", netns, "nft", "list", "table", "bridge", LOSS_TABLE],
+            check=False)
+    return sum(int(n) for n in re.findall(r"counter packets (\d+)", p.stdout or ""))
 
 
 @dataclasses.dataclass
@@ -143,6 +199,16 @@ class Lan:
         if self.up:
             run(["ip", "netns", "delete", self.name], check=False)
             self.up = False
+
+    def set_loss(self, percent, burst_ms=0):
+        """Independent random loss on every camera's port, `percent` % per
+        packet and direction (see loss_ruleset; 0 switches it off). Cameras
+        that join later are covered too."""
+        set_loss(self.name, percent, burst_ms)
+
+    def lost_packets(self):
+        """Packets the loss switch dropped so far."""
+        return lost_packets(self.name)
 
     def new_host_address(self):
         return f"{self.subnet}.{next(self._next_host)}"

@@ -138,8 +138,32 @@ def test_commands_that_reboot(start_camera, lan, camtool):
     assert rec[8:].rstrip(b"\0") == b"SN-2026-0042"
 
     (out, err), rc = results["boot"]
-    assert rc == 0 and "rebooting (silent since" in out, err
+    assert rc == 0 and "rebooting (it has answered nothing since" in out, err
     assert boot.control_datagrams() == [b"\x88\x0b\x01\xaa\xff"]
+
+
+def test_one_camera_of_twenty_answers_while_another_tool_floods_the_search_group(
+        start_camera, lan, camtool):
+    cams = [start_camera() for _ in range(20)]
+    target = cams[13]
+    # Another tool's searches on the search group: all twenty answer there,
+    # and each camera's listener pauses 300 ms per answer it hears.
+    with lan.listen(*rig.SEARCH_GROUP) as other:
+        for _ in range(2):
+            other.send(rig.search_datagram())
+
+    p = camtool("production", target.ip, "--json")
+    assert json_lines(p.stdout) == [
+        {"device_id": target.device_id, "boot_times": 0, "curve_times": 0}], p.stderr
+    p = camtool("query", target.ip, "--json")
+    assert [j["device_id"] for j in json_lines(p.stdout)] == [target.device_id], p.stderr
+
+    p = camtool("confignet", target.device_id, "--dns", "1.0.0.1")
+    assert p.returncode == 0 and f"{target.device_id} ({target.ip}): accepted" in p.stdout, p.stderr
+    target.wait_reboot(timeout=30)
+    assert "fdns=1.0.0.1" in target.read_text("/data/net.conf")
+    assert all(c.running for c in cams if c is not target), [(c.name, c.end_reason()) for c in cams]
+    assert all("1.0.0.1" not in c.read_text("/data/net.conf") for c in cams if c is not target)
 
 
 def test_bad_input_refused_before_anything_is_sent_and_silence_reported(lan, camtool, tmp_path):

@@ -142,6 +142,51 @@ def test_cameras_share_one_lan_and_replies_are_filtered(start_camera, lan):
 FRESH = ["--mount", "--net", "--pid", "--uts", "--fork"]
 
 
+def answered_searches(lan, cams, count, every):
+    """Sends `count` searches on the batch group, `every` seconds apart,
+    each with its own client ID; returns {camera ip: [answered?, ...]}."""
+    ids = [f"{i:032x}" for i in range(count)]
+    got = set()
+    with lan.listen(*rig.BATCH_GROUP) as lst:
+        for cid in ids:
+            lst.send(rig.search_datagram(cid))
+            got |= {(r.src[0], r.fields()["Client ID"]) for r in lst.collect(timeout=every)}
+        got |= {(r.src[0], r.fields()["Client ID"]) for r in lst.collect(timeout=1.0)}
+    return {c.ip: [(c.ip, cid) in got for cid in ids] for c in cams}
+
+
+def test_loss_switch_loses_independently_per_camera_and_in_bursts(start_camera, lan):
+    cams = [start_camera(), start_camera()]
+    assert len(lan.search(count=2, timeout=10)) >= 2
+
+    lan.set_loss(100)
+    assert lan.search(timeout=1.5) == [] and lan.lost_packets() > 0
+    lan.set_loss(0)
+    assert lan.lost_packets() == 0
+    assert len(lan.search(count=2, timeout=10)) >= 2
+
+    # 30 % each way: about half the searches answered, by each camera its own half.
+    lan.set_loss(30)
+    answered = answered_searches(lan, cams, 120, 0.01)
+    a, b = answered.values()
+    assert 0 < sum(a) < 120 and 0 < sum(b) < 120, (sum(a), sum(b))
+    assert a != b
+
+    # Bursts: a loss silences the port for 300 ms, so losses come in runs.
+    lan.set_loss(2, burst_ms=300)
+    answered = answered_searches(lan, cams, 150, 0.02)
+
+    def longest_gap(flags):
+        run = best = 0
+        for ok in flags:
+            run = 0 if ok else run + 1
+            best = max(best, run)
+        return best
+
+    assert max(longest_gap(f) for f in answered.values()) >= 3, answered
+    lan.set_loss(0)
+
+
 @pytest.mark.parametrize("flags", [FRESH, None, *([f for f in FRESH if f != d] for d in FRESH)],
                          ids=["fresh", "no-unshare", *(f"no-{d[2:]}" for d in FRESH)])
 def test_launcher_starts_init_only_in_fresh_namespaces(tmp_path, flags):

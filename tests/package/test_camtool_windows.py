@@ -79,7 +79,7 @@ def wine(tmp_path_factory):
     stop_wine(prefix)
 
 
-def test_one_64_bit_program_that_needs_no_library_beside_windows_own(unpacked):
+def test_one_64_bit_program_that_needs_no_library_beside_windows_own(unpacked, version):
     exe = unpacked / "camtool.exe"
     data = exe.read_bytes()
     pe = int.from_bytes(data[0x3C:0x40], "little")
@@ -90,8 +90,11 @@ def test_one_64_bit_program_that_needs_no_library_beside_windows_own(unpacked):
     dlls = {d.lower() for d in re.findall(r"DLL Name: (\S+)", dump)}
     assert dlls and dlls <= WINDOWS_DLLS, f"loads {sorted(dlls - WINDOWS_DLLS)}"
     assert ".debug_info" not in dump  # stripped
-    readme = (unpacked / "README.txt").read_text()
-    for words in ("Firewall", "camtool search", "--iface", "Private"):
+    raw = (unpacked / "README.txt").read_bytes()
+    assert raw.count(b"\n") == raw.count(b"\r\n")  # Windows line ends throughout
+    readme = raw.decode()
+    for words in (f"camtool {version} for Windows", "Firewall", "netsh", "camtool search",
+                  "--iface", "Private"):
         assert words in readme
 
 

@@ -1,11 +1,6 @@
 // Key pairs and detached signatures for the technician.
 #include "camtool/keys.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <termios.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -17,6 +12,7 @@
 
 #include "camtool/common.h"
 #include "camtool/finder.h"
+#include "camtool/os.h"
 #include "camtool/output.h"
 
 namespace camtool {
@@ -30,38 +26,13 @@ std::string read_text(const std::string& path) {
   return ss.str();
 }
 
-// Writes a new file; the secret key's is created 0600 and never widened.
-void write_new(const std::string& path, const std::string& text, mode_t mode, bool force) {
-  int flags = O_WRONLY | O_CREAT | O_NOFOLLOW | (force ? O_TRUNC : O_EXCL);
-  int fd = open(path.c_str(), flags, mode);
-  if (fd < 0)
-    throw tool_error(path + ": " + strerror(errno) + (errno == EEXIST ? " (--force replaces it)" : ""));
-  if (fchmod(fd, mode) != 0 || write(fd, text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
-    int e = errno;
-    close(fd);
-    throw tool_error("cannot write " + path + ": " + strerror(e));
-  }
-  close(fd);
-}
-
 }  // namespace
 
 passphrase_source terminal_passphrase() {
   return [](const std::string& prompt) {
+    if (os::stdin_is_terminal()) return os::read_hidden_line(prompt);
     std::string line;
-    if (!isatty(STDIN_FILENO)) {
-      std::getline(std::cin, line);
-      return line;
-    }
-    std::cerr << prompt << std::flush;
-    termios old{};
-    tcgetattr(STDIN_FILENO, &old);
-    termios quiet = old;
-    quiet.c_lflag &= ~static_cast<tcflag_t>(ECHO);
-    tcsetattr(STDIN_FILENO, TCSANOW, &quiet);
     std::getline(std::cin, line);
-    tcsetattr(STDIN_FILENO, TCSANOW, &old);
-    std::cerr << "\n";
     return line;
   };
 }
@@ -75,8 +46,8 @@ int cmd_key_new(const key_new_options& o, const passphrase_source& ask, std::ost
       throw tool_error("the passphrases differ; nothing written");
   }
   wire::key_pair kp = wire::generate_key_pair();
-  write_new(o.name + ".key", wire::format_secret_key(kp.sec, pass, o.cost), 0600, o.force);
-  write_new(o.name + ".pub", wire::format_public_key(kp.pub), 0644, o.force);
+  os::write_new_file(o.name + ".key", wire::format_secret_key(kp.sec, pass, o.cost), true, o.force);
+  os::write_new_file(o.name + ".pub", wire::format_public_key(kp.pub), false, o.force);
   out << "key " << wire::key_id_text(kp.pub.id) << ": secret key " << o.name
       << ".key (keep it off the LAN), public key " << o.name << ".pub\n";
   return 0;
@@ -104,7 +75,7 @@ std::string sign_file(const std::string& path, const wire::secret_key& key) {
   char buf[65536];
   while (in.read(buf, sizeof buf) || in.gcount() > 0) h.update(buf, static_cast<size_t>(in.gcount()));
   if (in.bad()) throw tool_error("cannot read " + path);
-  std::string base = path.substr(path.rfind('/') + 1);
+  std::string base = os::base_name(path);
   std::string comment =
       "timestamp:" + std::to_string(static_cast<long long>(time(nullptr))) + "\tfile:" + base + "\thashed";
   return wire::format_signature(wire::sign_prehashed(key, h.final(), comment));
@@ -114,7 +85,7 @@ int cmd_sign(const sign_options& o, const passphrase_source& ask, std::ostream& 
   wire::secret_key key = load_secret_key(o.key_file, ask);
   std::string sig = sign_file(o.file, key);
   std::string dest = o.output.empty() ? o.file + ".minisig" : o.output;
-  write_new(dest, sig, 0644, true);
+  os::write_new_file(dest, sig, false, true);
   out << "signed " << o.file << " with key " << wire::key_id_text(key.id) << ": " << dest << "\n";
   return 0;
 }

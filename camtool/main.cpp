@@ -10,6 +10,7 @@
 #include "camtool/finder.h"
 #include "camtool/keys.h"
 #include "camtool/net.h"
+#include "camtool/os.h"
 #include "camtool/partner.h"
 #include "camtool/status.h"
 #include "camtool/upgrade.h"
@@ -277,7 +278,7 @@ int main(int argc, char** argv) {
       uo.json = s.json;
       uo.live_progress = isatty(STDERR_FILENO) != 0;
       auto f = open_file(file);
-      uo.file_name = file.substr(file.rfind('/') + 1);
+      uo.file_name = os::base_name(file);
       if (!up_key.empty() || !up_sig.empty())
         f = signed_upgrade_file(std::move(f), uo.file_name, up_key, up_sig, terminal_passphrase());
       check_upgrade(uo, f->size());

@@ -1,9 +1,6 @@
 #include "camtool/upgrade.h"
 
-#include <fcntl.h>
 #include <nettle/md5.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -25,31 +22,6 @@ namespace camtool {
 namespace {
 
 using nlohmann::json;
-
-class fd_file : public file_source {
- public:
-  fd_file(int fd, uint64_t size, std::string path) : fd_(fd), size_(size), path_(std::move(path)) {}
-  ~fd_file() override { close(fd_); }
-  uint64_t size() const override { return size_; }
-  void read(uint64_t offset, char* buf, size_t len) override {
-    while (len > 0) {
-      ssize_t n = pread(fd_, buf, len, static_cast<off_t>(offset));
-      if (n <= 0) {
-        if (n < 0 && errno == EINTR) continue;
-        throw tool_error("reading " + path_ + ": " + (n < 0 ? strerror(errno) : "file shrank"),
-                         kExitFailed);
-      }
-      buf += n;
-      len -= static_cast<size_t>(n);
-      offset += static_cast<uint64_t>(n);
-    }
-  }
-
- private:
-  int fd_;
-  uint64_t size_;
-  std::string path_;
-};
 
 class string_file : public file_source {
  public:
@@ -544,16 +516,7 @@ class upgrade_run {
 
 }  // namespace
 
-std::unique_ptr<file_source> open_file(const std::string& path) {
-  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) throw tool_error("cannot open " + path + ": " + strerror(errno));
-  struct stat st = {};
-  if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
-    close(fd);
-    throw tool_error(path + " is not a regular file");
-  }
-  return std::make_unique<fd_file>(fd, static_cast<uint64_t>(st.st_size), path);
-}
+// open_file asks the system: os_*.cpp.
 
 std::unique_ptr<file_source> memory_file(std::string data) {
   return std::make_unique<string_file>(std::move(data));

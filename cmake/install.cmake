@@ -1,14 +1,23 @@
 # What the builds install and package: the camera build (armhf) installs a
 # camera root overlay and packs it as upgrade-<version>-armhf.tar.gz; host
 # builds install camtool only (its rules are in camtool/CMakeLists.txt) and
-# pack it as a Debian package. The daemon is never installed by a host build:
+# pack it as a Debian package; the Windows build packs camtool.exe with its
+# README as camtool-<version>-windows-x86_64.zip. The daemon is never installed by a host build:
 # on a host it would arm the watchdog and reboot the machine.
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
 set(CPACK_PACKAGE_VENDOR "Camera Daemon Team")
 set(CPACK_PACKAGE_CHECKSUM SHA256)
 set(CPACK_VERBATIM_VARIABLES ON)
 
-if(CMAKE_CROSSCOMPILING)
+if(WIN32)
+  set(CPACK_GENERATOR ZIP)
+  set(CPACK_PACKAGE_NAME camtool)
+  set(CPACK_PACKAGE_FILE_NAME camtool-${PROJECT_VERSION}-windows-x86_64)
+  set(CPACK_STRIP_FILES ON)
+  # camtool-<version>-windows-x86_64/camtool.exe: one folder to unpack.
+  set(CPACK_INCLUDE_TOPLEVEL_DIRECTORY ON)
+  set(CPACK_SOURCE_GENERATOR "")
+elseif(CMAKE_CROSSCOMPILING)
   # The overlay's paths are relative to the camera's root: `cmake --install
   # build/armhf --prefix ROOTFS` installs into a root file system tree (the
   # preset's default is build/armhf/camera-root). Never into this machine's

@@ -1,6 +1,7 @@
 """Fixtures of the package tests: the artifacts tools/package put in dist/
 (or $UPGRADE_DIST), the camtool program of this build ($CAMTOOL_BIN) and
-the project's version.
+the project's version. The Windows zip's lab test also runs this build's
+daemon ($UPGRADE_BIN) in namespace cameras.
 
 The tests of an artifact are skipped, saying so, when dist/ does not hold
 it; CI runs tools/package first. Installing needs root."""

@@ -7,7 +7,8 @@ the daemon and this camera's files. It has
   flash     nandsim (2 KiB pages, 128 KiB erase blocks) whose cache file is a
             host file on a virtio disk: kept across reboots as on a camera;
             partitions boot, env, kernel, rootfs, homefs by default, optional
-            bad blocks; the daemon's /proc/mtd names them
+            bad blocks; the daemon's /proc/mtd names them. Without delays by
+            default; `chip` gives it NAND or NOR-like timing (vmflash.CHIPS)
   watchdog  softdog; a starved watchdog restarts the machine
   network   virtio-net on a tap in the LAN's bridge: the same LAN as the
             namespace cameras of sim/ns
@@ -44,12 +45,11 @@ from camroot import DEFAULT_FILES, del_list_text, pid_list_text  # noqa: E402
 from rigbase import HostFiles, RigError, TOOL_PATH, run, wait_until  # noqa: E402
 
 from vmflash import (  # noqa: E402,F401  (re-exported)
-    BLOCK, DEFAULT_PARTS, NAND_BLOCKS, NAND_ID, OOB, PAGE, PAGES_PER_BLOCK, RAW_PAGE, Flash,
-    partition_table)
+    BLOCK, CHIPS, DEFAULT_PARTS, NAND_BLOCKS, NAND_ID, OOB, PAGE, PAGES_PER_BLOCK, RAW_PAGE,
+    Chip, Flash, partition_table)
 
 IMAGE_DIR = Path(os.environ.get("VMCAM_IMAGE_DIR", TOP / ".deps" / "vm"))
 
-FW_ENV_CONFIG = "/dev/mtd1 0x0 0x20000 0x20000 2\n"
 UBOOT_ENV = "baudrate=115200\nbootcmd=nand read 0x82000000 0x140000 0x400000; bootm\nbootdelay=1\n"
 
 END_LINES = (("softdog: Initiating system reboot", "watchdog reset"),
@@ -84,7 +84,10 @@ class VirtualCamera(HostFiles):
                 arm_version_file); /etc files are part of every boot
     pid_list    kill-list names; a dummy process runs per name
     del_list    paths for /customer/del_list (None: no file)
-    parts       [(name, erase blocks|None)] of the 128 MiB NAND chip
+    chip        "nand" (default: no delays), "nand-timed" (NAND's page read,
+                program and block erase times) or "nor-timed" (64 KiB erase
+                blocks with SPI NOR's times); see vmflash.CHIPS
+    parts       [(name, erase blocks|None)] of the 128 MiB chip
     bad_blocks  chip-wide erase block numbers marked bad at first boot
     wdt_margin  softdog's default margin in seconds
     usb         {name: bytes} on an ext2 disk mounted at /mnt/usb
@@ -98,7 +101,7 @@ class VirtualCamera(HostFiles):
     def __init__(self, session, lan, name=None, *, word=None, ip=None, mac=None, gateway=True,
                  files=None, pid_list=None, del_list=(), parts=None, bad_blocks=(),
                  wdt_margin=60, usb=None, stm32=True, autoboot=True, mem=256,
-                 upgrade_bin=None, echo=None, qemu_args=()):
+                 upgrade_bin=None, echo=None, qemu_args=(), chip="nand"):
         self.session, self.lan = session, lan
         n = session.next_id()
         self.name = name or f"vm{n}"
@@ -109,7 +112,8 @@ class VirtualCamera(HostFiles):
         self.ip = ip or lan.new_host_address()
         self.mac = mac or f"52:54:00:77:01:{self.if_index:02x}"
         self.gateway = (lan.ip if gateway is True else gateway) or None
-        self.parts = list(parts or DEFAULT_PARTS)
+        self.chip = chip if isinstance(chip, Chip) else CHIPS[chip]
+        self.parts = list(parts or self.chip.parts)
         self.bad_blocks = list(bad_blocks)
         self.wdt_margin = wdt_margin
         self.usb = usb
@@ -119,7 +123,7 @@ class VirtualCamera(HostFiles):
         self.upgrade_bin = Path(upgrade_bin or session.upgrade_bin)
         self.echo = echo  # callable(camera, line) for every console line
         self.qemu_args = list(qemu_args)
-        self.flash = Flash(self.dir / "flash.nand", self.parts)
+        self.flash = Flash(self.dir / "flash.nand", self.parts, chip=self.chip)
         self.boots = 0
         self.ends = []  # (boot, reason, seconds) of every boot that ended
         self.proc = None
@@ -206,18 +210,19 @@ class VirtualCamera(HostFiles):
             (stage / d).mkdir(parents=True)
         shutil.copy2(self.upgrade_bin, stage / "bin/upgrade")
         os.chmod(stage / "bin/upgrade", 0o755)
-        parts = ",".join(str(c) for _n, _f, c in partition_table(self.parts)[:-1])
+        parts = ",".join(str(c) for _n, _f, c in self.flash.parts[:-1])
         env = {
             "CAM_NAME": self.name, "CAM_IP": self.ip, "CAM_PREFIX": "24",
             "CAM_GW": self.gateway or "", "CAM_WORD": self.word or "",
-            "NAND_ID": NAND_ID, "NAND_PARTS": parts,
+            "NAND_ID": self.chip.nand_id, "NAND_PARTS": parts,
+            "NAND_OPTS": self.chip.nandsim_args(),
             "NAND_BAD": ",".join(str(b) for b in self.bad_blocks),
             "NAND_NAMES": " ".join(n for n, _c in self.parts),
             "WDT_MARGIN": str(self.wdt_margin),
         }
         (stage / "etc/camera.env").write_text("".join(f"{k}='{v}'\n" for k, v in env.items()))
         (stage / "etc/apps.list").write_text("".join(a + "\n" for a in self.apps))
-        (stage / "etc/fw_env.config").write_text(FW_ENV_CONFIG)
+        (stage / "etc/fw_env.config").write_text(self.chip.fw_env_config)
         (stage / "etc/u-boot-initial-env").write_text(UBOOT_ENV)
         for p, content in self.etc_files.items():
             if content is not None:

@@ -34,6 +34,11 @@ MtdDevices g_kernel_mtd;
 std::atomic<MtdDevices*> g_mtd{&g_kernel_mtd};
 
 constexpr uint32_t kCopyBuffer = 0x10000;
+// The erase-and-write loop reads a block in two pieces: this much first
+// (rounded up to one page), the rest only when the first piece equals the
+// image. A block of a new image then costs one page read before its erase,
+// not a whole block; on NAND every page read waits for the chip.
+constexpr uint32_t kFirstPiece = 0x800;
 constexpr int kMaxRegions = 32;
 
 // Erase-region table of the info dump (the only state kept between calls).
@@ -57,9 +62,9 @@ bool seek_to(MtdDevices& dev, int fd, uint32_t offset) {
   return dev.lseek(fd, static_cast<off_t>(offset), SEEK_SET) == static_cast<off_t>(offset);
 }
 
-// Reads the erase block at `addr` into `buf`: nullptr, or the trace line
-// telling which step failed. A short read fails too: the bytes it did not
-// fill would compare as flash content.
+// Reads `bs` bytes of flash at `addr` into `buf`: nullptr, or the trace
+// line telling which step failed. A short read fails too: the bytes it did
+// not fill would compare as flash content.
 const char* read_block(MtdDevices& dev, int fd, uint32_t addr, unsigned char* buf, uint32_t bs) {
   if (!seek_to(dev, fd, addr)) return "lseek error\n";
   if (dev.read(fd, buf, bs) != static_cast<ssize_t>(bs)) return "read error\n";
@@ -276,6 +281,8 @@ int file_to_flash_erase_write(uint32_t* progress, int fd, uint32_t offset, uint3
   DBG_INFO("####### sizeof: %d, offset: 0x%x, len: 0x%x, fileoffset: 0x%x\n", 1, offset, length,
            file_offset);
   const uint32_t bs = info.erasesize;
+  const uint32_t page = info.writesize > kFirstPiece ? info.writesize : kFirstPiece;
+  const uint32_t first = page < bs ? page : bs;
   unsigned char* flash_buf = static_cast<unsigned char*>(malloc(bs));
   unsigned char* file_buf = static_cast<unsigned char*>(malloc(bs));
   int result = 0;
@@ -300,7 +307,7 @@ int file_to_flash_erase_write(uint32_t* progress, int fd, uint32_t offset, uint3
       break;
     }
     if (progress != nullptr) *progress += bs;
-    if (const char* failed = read_block(dev, fd, addr, flash_buf, bs)) {
+    if (const char* failed = read_block(dev, fd, addr, flash_buf, first)) {
       TRACE("%s", failed);
       result = -1;
       break;
@@ -310,7 +317,16 @@ int file_to_flash_erase_write(uint32_t* progress, int fd, uint32_t offset, uint3
       result = -1;
       break;
     }
-    if (!buffers_differ(flash_buf, file_buf, bs)) continue;
+    // Equal so far: the rest of the block decides.
+    if (!buffers_differ(flash_buf, file_buf, first)) {
+      if (first == bs) continue;
+      if (const char* failed = read_block(dev, fd, addr + first, flash_buf + first, bs - first)) {
+        TRACE("%s", failed);
+        result = -1;
+        break;
+      }
+      if (!buffers_differ(flash_buf + first, file_buf + first, bs - first)) continue;
+    }
 
     // Erase, write and read back; four attempts in all.
     for (int retry = 3;; --retry) {

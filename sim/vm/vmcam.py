@@ -7,7 +7,8 @@ the daemon and this camera's files. It has
   flash     nandsim (2 KiB pages, 128 KiB erase blocks) whose cache file is a
             host file on a virtio disk: kept across reboots as on a camera;
             partitions boot, env, kernel, rootfs, homefs by default, optional
-            bad blocks; the daemon's /proc/mtd names them
+            bad blocks; the daemon's /proc/mtd names them. Without delays by
+            default; `chip` gives it NAND or NOR-like timing (vmflash.CHIPS)
   watchdog  softdog; a starved watchdog restarts the machine
   network   virtio-net on a tap in the LAN's bridge: the same LAN as the
             namespace cameras of sim/ns
@@ -44,12 +45,11 @@ from camroot import DEFAULT_FILES, del_list_text, pid_list_text  # noqa: E402
 from rigbase import HostFiles, RigError, TOOL_PATH, run, wait_until  # noqa: E402
 
 from vmflash import (  # noqa: E402,F401  (re-exported)
-    BLOCK, DEFAULT_PARTS, NAND_BLOCKS, NAND_ID, OOB, PAGE, PAGES_PER_BLOCK, RAW_PAGE, Flash,
-    partition_table)
+    BLOCK, CHIPS, DEFAULT_PARTS, NAND_BLOCKS, NAND_ID, OOB, PAGE, PAGES_PER_BLOCK, RAW_PAGE,
+    Chip, Flash, partition_table)
 
 IMAGE_DIR = Path(os.environ.get("VMCAM_IMAGE_DIR", TOP / ".deps" / "vm"))
 
-FW_ENV_CONFIG = "/dev/mtd1 0x0 0x20000 0x20000 2\n"
 UBOOT_ENV = "baudrate=115200\nbootcmd=nand read 0x82000000 0x140000 0x400000; bootm\nbootdelay=1\n"
 
 END_LINES = (("softdog: Initiating system reboot", "watchdog reset"),
@@ -107,7 +107,10 @@ class VirtualCamera(HostFiles):
                 arm_version_file); /etc files are part of every boot
     pid_list    kill-list names; a dummy process runs per name
     del_list    paths for /customer/del_list (None: no file)
-    parts       [(name, erase blocks|None)] of the 128 MiB NAND chip
+    chip        "nand" (default: no delays), "nand-timed" (NAND's page read,
+                program and block erase times) or "nor-timed" (64 KiB erase
+                blocks with SPI NOR's times); see vmflash.CHIPS
+    parts       [(name, erase blocks|None)] of the 128 MiB chip
     bad_blocks  chip-wide erase block numbers marked bad at first boot
     wdt_margin  softdog's default margin in seconds
     usb         {name: bytes} on an ext2 disk mounted at /mnt/usb
@@ -116,12 +119,14 @@ class VirtualCamera(HostFiles):
     autoboot    boot again after a reboot or watchdog reset
     mem         guest memory in MiB
     qemu_args   more qemu-system-arm arguments (e.g. "-icount" for benchmarks)
+    nice        qemu's scheduling niceness (benchmarks: negative, so that the
+                host's other work delays the emulated disk's answers less)
     """
 
     def __init__(self, session, lan, name=None, *, word=None, ip=None, mac=None, gateway=True,
                  files=None, pid_list=None, del_list=(), parts=None, bad_blocks=(),
                  wdt_margin=60, usb=None, stm32=True, autoboot=True, mem=256,
-                 upgrade_bin=None, echo=None, qemu_args=()):
+                 upgrade_bin=None, echo=None, qemu_args=(), chip="nand", nice=0):
         self.session, self.lan = session, lan
         n = session.next_id()
         self.name = name or f"vm{n}"
@@ -132,7 +137,8 @@ class VirtualCamera(HostFiles):
         self.ip = ip or lan.new_host_address()
         self.mac = mac or f"52:54:00:77:01:{self.if_index:02x}"
         self.gateway = (lan.ip if gateway is True else gateway) or None
-        self.parts = list(parts or DEFAULT_PARTS)
+        self.chip = chip if isinstance(chip, Chip) else CHIPS[chip]
+        self.parts = list(parts or self.chip.parts)
         self.bad_blocks = list(bad_blocks)
         self.wdt_margin = wdt_margin
         self.usb = usb
@@ -142,7 +148,8 @@ class VirtualCamera(HostFiles):
         self.upgrade_bin = Path(upgrade_bin or session.upgrade_bin)
         self.echo = echo  # callable(camera, line) for every console line
         self.qemu_args = list(qemu_args)
-        self.flash = Flash(self.dir / "flash.nand", self.parts)
+        self.nice = nice
+        self.flash = Flash(self.dir / "flash.nand", self.parts, chip=self.chip)
         self.boots = 0
         self.ends = []  # (boot, reason, seconds) of every boot that ended
         self.proc = None
@@ -231,18 +238,19 @@ class VirtualCamera(HostFiles):
         if self.word:
             (stage / "etc/default").mkdir(parents=True, exist_ok=True)
             (stage / "etc/default/upgrade").write_text(f"UPGRADE_ARGS='{self.word}'\n")
-        parts = ",".join(str(c) for _n, _f, c in partition_table(self.parts)[:-1])
+        parts = ",".join(str(c) for _n, _f, c in self.flash.parts[:-1])
         env = {
             "CAM_NAME": self.name, "CAM_IP": self.ip, "CAM_PREFIX": "24",
             "CAM_GW": self.gateway or "", "CAM_WORD": self.word or "",
-            "NAND_ID": NAND_ID, "NAND_PARTS": parts,
+            "NAND_ID": self.chip.nand_id, "NAND_PARTS": parts,
+            "NAND_OPTS": self.chip.nandsim_args(),
             "NAND_BAD": ",".join(str(b) for b in self.bad_blocks),
             "NAND_NAMES": " ".join(n for n, _c in self.parts),
             "WDT_MARGIN": str(self.wdt_margin),
         }
         (stage / "etc/camera.env").write_text("".join(f"{k}='{v}'\n" for k, v in env.items()))
         (stage / "etc/apps.list").write_text("".join(a + "\n" for a in self.apps))
-        (stage / "etc/fw_env.config").write_text(FW_ENV_CONFIG)
+        (stage / "etc/fw_env.config").write_text(self.chip.fw_env_config)
         (stage / "etc/u-boot-initial-env").write_text(UBOOT_ENV)
         for p, content in self.etc_files.items():
             if content is not None:
@@ -298,8 +306,11 @@ class VirtualCamera(HostFiles):
             "-append", "console=ttyAMA0 quiet",
             "-chardev", f"file,id=con,path={self.console_path(self.boots)}",
             "-serial", "chardev:con",
+            # The flash file is written through: a write is in the host's
+            # file when it completes, so the guest's O_SYNC writes need no
+            # flush request after each page (one round trip, not two).
             "-drive", f"if=none,id=flash,file={self.flash.path},format=raw,cache=unsafe",
-            "-device", "virtio-blk-device,drive=flash,serial=flash",
+            "-device", "virtio-blk-device,drive=flash,serial=flash,write-cache=off",
             "-fsdev", f"local,id=rig,path={self.share},security_model=none",
             "-device", "virtio-9p-device,fsdev=rig,mount_tag=rig",
             "-netdev", f"tap,id=n0,ifname={self._tap},script=no,downscript=no",
@@ -347,7 +358,8 @@ class VirtualCamera(HostFiles):
         log = open(self.dir / "qemu.log", "ab")
         try:
             self.proc = subprocess.Popen(
-                ["nsenter", f"--net=/run/netns/{lan}", *self._qemu_argv(archive)],
+                [*(["nice", "-n", str(self.nice)] if self.nice else []),
+                 "nsenter", f"--net=/run/netns/{lan}", *self._qemu_argv(archive)],
                 stdin=subprocess.DEVNULL, stdout=log, stderr=subprocess.STDOUT,
                 start_new_session=True, env={"PATH": TOOL_PATH})
         finally:

@@ -7,13 +7,18 @@ import subprocess
 import termios
 import tty
 
+import pytest
+
 import vmcam
 
-P, RAW, PPB = vmcam.PAGE, vmcam.RAW_PAGE, vmcam.PAGES_PER_BLOCK
+P, RAW = vmcam.PAGE, vmcam.RAW_PAGE
 
 
-def test_flash_file_pages_oob_bad_blocks_and_erase_count(tmp_path):
-    flash = vmcam.Flash(tmp_path / "f.nand", [("a", 2), ("b", None)], blocks=6)
+@pytest.mark.parametrize("chip", ["nand", "nor-timed"])  # 64 and 32 pages a block
+def test_flash_file_pages_oob_bad_blocks_and_erase_count(tmp_path, chip):
+    PPB = vmcam.CHIPS[chip].pages_per_block
+    flash = vmcam.Flash(tmp_path / "f.nand", [("a", 2), ("b", None)], blocks=6,
+                        chip=vmcam.CHIPS[chip])
     flash.create()
     with open(flash.path, "r+b") as f:
         for block in range(6):

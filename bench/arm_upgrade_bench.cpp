@@ -14,9 +14,10 @@
 #include <random>
 #include <string>
 
+#include "core/daemon_state.h"
 #include "fakes/fake_platform.h"
-#include "sim/stm32/stm32_sim.h"
 #include "mcu/stm32flashloader.h"
+#include "sim/stm32/stm32_sim.h"
 
 namespace {
 
@@ -45,7 +46,7 @@ void BM_ArmUpgrade64K(benchmark::State& state) {
   Stm32Sim sim(paced());
   std::filesystem::create_directories(cam.path("/dev"));
   std::filesystem::create_symlink(sim.device(), cam.path("/dev/ttyS1"));
-  board_type = 0;
+  daemon_state.board_type = 0;
   fflush(stdout);
   int saved = dup(1);  // the per-step console lines are not part of the figure
   int devnull = open("/dev/null", O_WRONLY);

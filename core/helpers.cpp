@@ -14,9 +14,9 @@
 #include <cstring>
 #include <string>
 
+#include "core/daemon_state.h"
 #include "core/dbgout.h"
 #include "core/platform.h"
-#include "core/upgrade.h"
 
 // The watchdog request that enables the card: type 'W', number 4, int, read-write.
 static constexpr unsigned long kWdtEnableCard = 0xC0045704;

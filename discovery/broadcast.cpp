@@ -7,10 +7,10 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cstring>
 #include <string>
 
+#include "core/daemon_state.h"
 #include "core/dbgout.h"
 #include "discovery/command_auth.h"
 #include "discovery/identity.h"
@@ -20,8 +20,6 @@
 namespace wb = wire::broadcast;
 
 namespace {
-
-std::atomic<int> g_production_mode{0};
 
 #define BR_INFO(fmt, ...) DBG_INFO_AS("broadcast_receive", fmt __VA_OPT__(, ) __VA_ARGS__)
 #define BR_ERR(fmt, ...) DBG_ERR_AS("broadcast_receive", fmt __VA_OPT__(, ) __VA_ARGS__)
@@ -74,15 +72,15 @@ int production(const char* msg) {
   BR_INFO("receive production mode command\n");
   if (!addressed(msg)) return 0;
   if (refuse_unsigned_change("broadcast production mode")) return 0;
-  bool on = g_production_mode.load() == 1;
+  bool on = daemon_state.production_mode.load() == 1;
   if (has(msg, wb::kActionTestEnable)) {
     if (has(msg, wb::kEnableOn)) {
       BR_INFO("test enable = on\n");
-      g_production_mode.store(1);
+      daemon_state.production_mode.store(1);
     } else if (has(msg, wb::kEnableOff) && on) {
       // Switching off leaves the switch on: it is never cleared.
       BR_INFO("test enable = off\n");
-      g_production_mode.store(1);
+      daemon_state.production_mode.store(1);
     } else if (!on) {
       production_off();
     }
@@ -122,8 +120,7 @@ int production(const char* msg) {
 
 }  // namespace
 
-int production_mode_enable() { return g_production_mode.load(); }
-void reset_production_mode() { g_production_mode.store(0); }
+int production_mode_enable() { return daemon_state.production_mode.load(); }
 
 int broadcast_open(int port, struct sockaddr_in* local) {
   int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
@@ -142,7 +139,6 @@ int broadcast_open(int port, struct sockaddr_in* local) {
 }
 
 void* broadcast_func(void*) {
-  discovery_thread_setup("broadcast_func");
   broadcast_ctx ctx;
   ctx.sock = broadcast_open(wb::kPort, &ctx.local);
   for (;;) broadcast_serve_once(&ctx);

@@ -7,7 +7,6 @@
 #include <netinet/ip.h>
 #include <poll.h>
 #include <pthread.h>
-#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -17,10 +16,10 @@
 #include <mutex>
 #include <vector>
 
-#include "core/fork_guard.h"
+#include "core/daemon_state.h"
 #include "core/dbgout.h"
+#include "core/fork_guard.h"
 #include "core/platform.h"
-#include "core/upgrade.h"
 #include "discovery/commands.h"
 #include "discovery/identity.h"
 
@@ -34,9 +33,6 @@ constexpr int kRecvBufferBytes = 2 << 20;
 constexpr uint64_t kSwitchOffUs = 100000;
 constexpr uint64_t kIdleUs = 50000;
 
-std::atomic<int> g_search_switch{1};
-std::atomic<int> g_batch_switch{1};
-std::atomic<int> g_net_info_failures{0};
 std::atomic<mcast_open_fn> g_open_hook{nullptr};
 // Guards the address records while an endpoint is (re-)opened or used.
 std::mutex g_addr_mu;
@@ -105,9 +101,7 @@ bool send_to_group(const std::atomic<int>* sock, const Addr* group, const char* 
 
 }  // namespace
 
-std::atomic<int>& mcast_search_switch() { return g_search_switch; }
-std::atomic<int>& mcast_batch_switch() { return g_batch_switch; }
-int mcast_net_info_failures() { return g_net_info_failures.load(); }
+int mcast_net_info_failures() { return daemon_state.net_info_failures.load(); }
 void set_mcast_open_hook(mcast_open_fn fn) { g_open_hook.store(fn); }
 
 int mcast_open_endpoint(mcast_endpoint* ep) {
@@ -141,11 +135,6 @@ int mcast_reopen_endpoint(mcast_endpoint* ep) {
 void mcast_drop_endpoint(mcast_endpoint* ep) {
   socket_write_lock lock;
   drop_locked(ep);
-}
-
-void discovery_thread_setup(const char* name) {
-  pthread_detach(pthread_self());
-  prctl(PR_SET_NAME, name, 0, 0, 0);
 }
 
 int set_nonblocking(int fd, int block) {
@@ -199,35 +188,53 @@ int init_mcast(std::atomic<int>* sock, struct sockaddr_in* bind_addr,
     perror("bind");
     return -1;
   }
-  if (set_int_opt(fd, IPPROTO_IP, IP_MULTICAST_LOOP, 0) < 0) {
-    DBG_ERR("Set IP_MULTICAST_LOOP failed\n");
-    close_endpoint_socket(sock);
-    return -1;
-  }
-  if (set_int_opt(fd, IPPROTO_IP, IP_MULTICAST_TTL, 10) < 0) {
-    DBG_ERR("Set IP_MULTICAST_TTL failed\n");
+  const int options = set_mcast_loop_ttl(fd);
+  if (options != 0) {
+    DBG_ERR(options == kMcastLoopFailed ? "Set IP_MULTICAST_LOOP failed\n"
+                                        : "Set IP_MULTICAST_TTL failed\n");
     close_endpoint_socket(sock);
     return -1;
   }
   char local_ip[32] = {};
   get_local_ip("eth0", local_ip, sizeof(local_ip));
   DBG_INFO("get_local_ip: %s\n", local_ip);
-  struct in_addr iface;
-  iface.s_addr = local_ip[0] != '\0' ? inet_addr(local_ip) : htonl(INADDR_ANY);
-  struct ip_mreq mreq;
-  memset(&mreq, 0, sizeof(mreq));
-  mreq.imr_multiaddr.s_addr = inet_addr(group);
-  mreq.imr_interface = iface;
-  if (setsockopt(fd, IPPROTO_IP, IP_ADD_MEMBERSHIP, &mreq, sizeof(mreq)) < 0) {
+  const int joined = join_mcast_group(fd, inet_addr(group), mcast_iface_of(local_ip), false);
+  if (joined & kMcastJoinFailed) {
     DBG_ERR("setsockopt failed\n");
     return -1;
   }
-  if (setsockopt(fd, IPPROTO_IP, IP_MULTICAST_IF, &iface, sizeof(iface)) < 0) {
+  if (joined & kMcastIfFailed) {
     DBG_ERR("Setting IP_MULTICAST_IF error\n");
     close_endpoint_socket(sock);
   }
   DBG_INFO("init search succeed\n");
   return 0;
+}
+
+int set_mcast_loop_ttl(int fd) {
+  if (set_int_opt(fd, IPPROTO_IP, IP_MULTICAST_LOOP, 0) < 0) return kMcastLoopFailed;
+  if (set_int_opt(fd, IPPROTO_IP, IP_MULTICAST_TTL, 10) < 0) return kMcastTtlFailed;
+  return 0;
+}
+
+int join_mcast_group(int fd, in_addr_t group, in_addr_t iface, bool join_optional) {
+  int failed = 0;
+  struct ip_mreq mreq;
+  memset(&mreq, 0, sizeof(mreq));
+  mreq.imr_multiaddr.s_addr = group;
+  mreq.imr_interface.s_addr = iface;
+  if (setsockopt(fd, IPPROTO_IP, IP_ADD_MEMBERSHIP, &mreq, sizeof(mreq)) < 0) {
+    failed |= kMcastJoinFailed;
+    if (!join_optional) return failed;
+  }
+  struct in_addr out;
+  out.s_addr = iface;
+  if (setsockopt(fd, IPPROTO_IP, IP_MULTICAST_IF, &out, sizeof(out)) < 0) failed |= kMcastIfFailed;
+  return failed;
+}
+
+in_addr_t mcast_iface_of(const char* local_ip) {
+  return local_ip[0] != '\0' ? inet_addr(local_ip) : htonl(INADDR_ANY);
 }
 
 int leave_mcast_group(std::atomic<int>* sock, const char* group) {
@@ -350,15 +357,10 @@ int ip_udp_send(const char* src_addr, int src_port, const char* dst_addr, int ds
   }
   in_addr_t src = inet_addr(src_addr);
   in_addr_t dst = inet_addr(dst_addr);
+  // Both option steps are tried whatever they return.
   set_int_opt(fd, IPPROTO_IP, IP_MULTICAST_LOOP, 0);
   set_int_opt(fd, IPPROTO_IP, IP_MULTICAST_TTL, 10);
-  struct ip_mreq mreq;
-  mreq.imr_multiaddr.s_addr = dst;
-  mreq.imr_interface.s_addr = src;
-  setsockopt(fd, IPPROTO_IP, IP_ADD_MEMBERSHIP, &mreq, sizeof(mreq));
-  struct in_addr iface;
-  iface.s_addr = src;
-  setsockopt(fd, IPPROTO_IP, IP_MULTICAST_IF, &iface, sizeof(iface));
+  join_mcast_group(fd, dst, src, true);
 
   // 20-byte IPv4 header, 8-byte UDP header, payload; all fields big-endian.
   std::vector<unsigned char> pkt(28 + len, 0);
@@ -405,7 +407,7 @@ int ip_udp_send(const char* src_addr, int src_port, const char* dst_addr, int ds
 // Runs inside mcast_func: its lines carry that name.
 void mcast_wait_net_info() {
   while (get_net_info() != 0) {
-    int n = ++g_net_info_failures;
+    int n = ++daemon_state.net_info_failures;
     // The listener never gives up; the line only marks the long wait.
     if (n == 180) DBG_ERR_AS("mcast_func", "get_net_info() num is 180, exit mcast_func()\n");
     sys().sleep_us(1000000);
@@ -461,22 +463,20 @@ int mcast_listen_once(mcast_endpoint* ep, std::atomic<int>& recv_switch, size_t 
 }
 
 void* mcast_func(void* arg) {
-  discovery_thread_setup("mcast_func");
   auto* ep = static_cast<mcast_endpoint*>(arg);
   mcast_wait_net_info();
   // On a DHCP camera the watcher may have made the socket while this thread
   // still waited for an address; a second one would only be leaked.
   mcast_open_endpoint_if_closed(ep);
-  for (;;) mcast_listen_once(ep, g_search_switch, kSearchDatagram, kSearchPauseUs);
+  for (;;) mcast_listen_once(ep, daemon_state.search_switch, kSearchDatagram, kSearchPauseUs);
 }
 
 void* mcast_batUpgrade_func(void* arg) {
-  discovery_thread_setup("mcast_batUpgrade_func");
   auto* ep = static_cast<mcast_endpoint*>(arg);
   while (mcast_open_endpoint(ep) != 0) {
     // A socket left open by a failed bind is not kept for the next try.
     mcast_drop_endpoint(ep);
     sys().sleep_us(1000000);
   }
-  for (;;) mcast_listen_once(ep, g_batch_switch, kBatchDatagram, 0);
+  for (;;) mcast_listen_once(ep, daemon_state.batch_switch, kBatchDatagram, 0);
 }

@@ -18,13 +18,14 @@
 #include <mutex>
 #include <string>
 
+#include "core/daemon_state.h"
 #include "core/dbgout.h"
 #include "core/file_names.h"
 #include "core/fork_guard.h"
 #include "core/helpers.h"
 #include "core/platform.h"
 #include "core/site_keys.h"
-#include "core/upgrade.h"
+#include "core/text.h"
 #include "discovery/identity.h"
 #include "discovery/mcast_install.h"
 #include "wire/upgrade.h"

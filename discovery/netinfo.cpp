@@ -12,13 +12,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <mutex>
 #include <string>
 
-#include "core/fork_guard.h"
+#include "core/daemon_state.h"
 #include "core/dbgout.h"
 #include "core/platform.h"
-#include "core/upgrade.h"
+#include "core/text.h"
 #include "discovery/identity.h"
 #include "discovery/oem_serial.h"
 
@@ -28,10 +27,6 @@ constexpr const char* kNetConfPath = "/data/net.conf";
 constexpr const char* kResolvPath = "/etc/resolv.conf";
 constexpr size_t kConfAccumulator = 2048;
 constexpr size_t kConfLineMax = 96;
-
-std::mutex g_ipv6_mu;
-[[maybe_unused]] const int g_ipv6_fork_guard = guard_across_fork<g_ipv6_mu>();
-net_info_ipv6_t g_net_info_ipv6;
 
 // dhcp flag from the first 256 bytes of net.conf; -1 when the file is
 // missing (reported for `func`).
@@ -298,11 +293,6 @@ int get_mac_by_ioctl(const char* ifname, char* out, size_t size) {
 
 // ---- IPv6 ----------------------------------------------------------------------------
 
-void copy_net_info_ipv6(net_info_ipv6_t* out) {
-  std::lock_guard<std::mutex> lock(g_ipv6_mu);
-  *out = g_net_info_ipv6;
-}
-
 int get_ipv6_global_addr(const char* ifname, char* out, size_t size) {
   out[0] = '\0';
   std::string cmd = std::string("ifconfig ") + ifname + " | grep Scope:Global";
@@ -386,8 +376,9 @@ int get_net_ipv6_info() {
   net_info_ipv6_t v6;
   memset(&v6, 0, sizeof(v6));
   {
-    std::lock_guard<std::mutex> lock(g_ipv6_mu);
-    v6.dhcp = g_net_info_ipv6.dhcp;
+    net_info_ipv6_t now;
+    copy_net_info_ipv6(&now);
+    v6.dhcp = now.dhcp;
   }
   if (read_dhcp_flag(&v6.dhcp, __func__) != 0) return -1;
   get_ipv6_global_addr("eth0", v6.ip, sizeof(v6.ip));
@@ -395,10 +386,7 @@ int get_net_ipv6_info() {
   get_local_gateway_ipv6("eth0", v6.ip, v6.prefix, v6.gateway, sizeof(v6.gateway));
   append_text(v6.fdns, sizeof(v6.fdns), "240c:6666");
   get_ipv6_mac("eth0", v6.mac, sizeof(v6.mac));
-  {
-    std::lock_guard<std::mutex> lock(g_ipv6_mu);
-    g_net_info_ipv6 = v6;
-  }
+  set_net_info_ipv6(v6);
   DBG_INFO("============== IPv6:\n");
   DBG_INFO("dhcp: %d\n", static_cast<int>(v6.dhcp));
   DBG_INFO("ip: %s\n", v6.ip);

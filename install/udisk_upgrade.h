@@ -12,6 +12,10 @@
 
 void* udisk_upgrade_func(void* arg);
 
+// The USB-disk check ("mount | grep /mnt/usb"): 0 when a disk is mounted,
+// -1 when not (or the pipe failed). The board test asks it too.
+int check_usb_disk_mount();
+
 // One look at the trigger file: 0 when there was nothing to do or the disk
 // was refused (back to waiting), 1 when an installation ran to its reboot.
 int udisk_upgrade_poll();

@@ -118,7 +118,6 @@ int init_param_mira(int* sock, struct sockaddr_in* addr) {
 }
 
 void* param_mira_func(void*) {
-  discovery_thread_setup("param_mira_func");
   int sock = -1;
   struct sockaddr_in addr;
   init_param_mira(&sock, &addr);

@@ -6,7 +6,6 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
-#include <pthread.h>
 #include <sys/file.h>
 #include <sys/reboot.h>
 #include <sys/socket.h>
@@ -19,7 +18,10 @@
 #include "core/fork_guard.h"
 #include "core/dbgout.h"
 #include "core/helpers.h"
+#include "core/local_control.h"
 #include "core/platform.h"
+#include "core/text.h"
+#include "core/threads.h"
 #include "discovery/command_auth.h"
 #include "discovery/commands.h"
 #include "discovery/mcast.h"
@@ -37,7 +39,6 @@ constexpr uint64_t kFirstOpenDelayUs = 3000000;
 
 std::mutex g_mu;
 [[maybe_unused]] const int g_mu_fork_guard = guard_across_fork<g_mu>();
-char g_type_code[kTypeCodeLen];
 char g_local_addr[32];  // eth0's address: source of the replies
 
 #define RX_INFO(fmt, ...) DBG_INFO_AS("mcast_receive_mira", fmt __VA_OPT__(, ) __VA_ARGS__)
@@ -202,17 +203,6 @@ int set_int_opt(int fd, int level, int opt, int value) {
 
 }  // namespace
 
-void get_device_type_code(char* out) {
-  std::lock_guard<std::mutex> lock(g_mu);
-  memcpy(out, g_type_code, kTypeCodeLen);
-}
-
-void set_device_type_code(const char* code) {
-  std::lock_guard<std::mutex> lock(g_mu);
-  memset(g_type_code, 0, sizeof(g_type_code));
-  copy_text(g_type_code, sizeof(g_type_code), code, kTypeCodeLen - 1);
-}
-
 const char* type_code_of_model(const char* model) {
   const char* dot = strchr(model, '.');
   if (dot == nullptr) return nullptr;
@@ -230,12 +220,11 @@ int init_search_mira_server() {
   char code[kTypeCodeLen];
   get_device_type_code(code);
   DBG_INFO("device_type_info: %s\n", code);
-  pthread_t tid;
-  if (pthread_create(&tid, nullptr, search_mira_func, nullptr) != 0) {
+  if (start_thread("search_mira_func", search_mira_func, nullptr) != 0) {
     DBG_ERR("create mira search thread failed\n");
     return -1;
   }
-  if (pthread_create(&tid, nullptr, param_mira_func, nullptr) != 0) {
+  if (start_thread("param_mira_func", param_mira_func, nullptr) != 0) {
     DBG_ERR("create mira param thread failed\n");
     return -1;
   }
@@ -272,27 +261,21 @@ int init_mcast_mira(int* sock, struct sockaddr_in* local, struct sockaddr_in* gr
     *sock = -1;
     return -1;
   };
-  if (set_int_opt(fd, IPPROTO_IP, IP_MULTICAST_LOOP, 0) < 0) {
-    DBG_ERR("Set IP_MULTICAST_LOOP failed");
-    return fail();
-  }
-  if (set_int_opt(fd, IPPROTO_IP, IP_MULTICAST_TTL, 10) < 0) {
-    DBG_ERR("Set IP_MULTICAST_TTL failed\n");
+  const int options = set_mcast_loop_ttl(fd);
+  if (options != 0) {
+    // (The loop line has no line end.)
+    DBG_ERR(options == kMcastLoopFailed ? "Set IP_MULTICAST_LOOP failed"
+                                        : "Set IP_MULTICAST_TTL failed\n");
     return fail();
   }
   char ip[32] = {};
   mira_net().local_address("eth0", ip, sizeof(ip));
   store_local_address(ip);
   DBG_INFO("get_local_ip: %s\n", ip);
-  struct in_addr iface;
-  iface.s_addr = ip[0] != '\0' ? inet_addr(ip) : htonl(INADDR_ANY);
-  struct ip_mreq mreq;
-  memset(&mreq, 0, sizeof(mreq));
-  mreq.imr_multiaddr = group->sin_addr;
-  mreq.imr_interface = iface;
-  if (setsockopt(fd, IPPROTO_IP, IP_ADD_MEMBERSHIP, &mreq, sizeof(mreq)) < 0)
-    DBG_ERR("setsockopt failed\n");
-  if (setsockopt(fd, IPPROTO_IP, IP_MULTICAST_IF, &iface, sizeof(iface)) < 0) {
+  // A failed membership is only reported: the reply interface is set anyway.
+  const int joined = join_mcast_group(fd, group->sin_addr.s_addr, mcast_iface_of(ip), true);
+  if (joined & kMcastJoinFailed) DBG_ERR("setsockopt failed\n");
+  if (joined & kMcastIfFailed) {
     DBG_ERR("Setting IP_MULTICAST_IF error\n");
     return fail();
   }
@@ -302,7 +285,6 @@ int init_mcast_mira(int* sock, struct sockaddr_in* local, struct sockaddr_in* gr
 }
 
 void* search_mira_func(void*) {
-  discovery_thread_setup("search_mira_func");
   sys().sleep_us(kFirstOpenDelayUs);
   int sock = -1;
   struct sockaddr_in local, group;

@@ -16,7 +16,9 @@
 #include <string>
 #include <vector>
 
-#include "core/upgrade.h"
+#include "core/daemon_state.h"
+#include "core/local_control.h"
+#include "core/text.h"
 #include "discovery/dhcp_status.h"
 #include "discovery/identity.h"
 #include "discovery/mcast.h"
@@ -109,19 +111,14 @@ struct LoopEndpoint {
   }
 };
 
-// The daemon's records as at start-up, with this camera's identity.
+// The daemon's records as at start-up, with this camera's identity; the
+// multicast transfer and the command challenge forgotten.
 inline void reset_camera_state() {
   reset_daemon_state();
   fill_protocol_keywords();
   set_device_id(kDevId.c_str());
-  set_client_id("");
-  set_upgrade_client_id("");
-  set_mcast_upgrade_in_progress(0);
   reset_mcast_upgrade();
   reset_command_auth();
-  reset_ipv4_address_ready();
-  net_info_t zero{};
-  set_net_info(zero);
 }
 
 // A camera with an identity, a network listing and the keyword table.

@@ -15,7 +15,6 @@ struct Broadcast : CameraFixtureBase, ::testing::Test {
   int tool = -1;
   sockaddr_in cam_addr{};
   Broadcast() {
-    reset_production_mode();
     ctx.sock = bound_udp(&cam_addr);
     tool = bound_udp(&ctx.peer);
   }

@@ -63,7 +63,6 @@ TEST_F(KeyedCamera, SignedCommandsRunOnceUnsignedOrForeignNever) {
 }
 
 TEST_F(KeyedCamera, UnsignedProtocolsChangeNothingButStillAnswerDiscovery) {
-  reset_production_mode();
   broadcast_ctx ctx;
   sockaddr_in cam_addr{};
   ctx.sock = bound_udp(&cam_addr);

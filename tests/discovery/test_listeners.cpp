@@ -153,16 +153,19 @@ TEST_F(DhcpWatcher, FailedPipeEndsTheThread) {
   EXPECT_EQ(g_opens.load(), 0);
 }
 
-struct StatusReport : Listeners {
-  StatusReport() {
+// A camera that reports after an upgrade; eth0 has no address yet.
+struct StatusReportBeforeAddress : Listeners {
+  StatusReportBeforeAddress() {
     cam.write("/customer/version_file", "v2.0.0\n");
     cam.write("/customer/arm_version_file", "1\n");
-    mark_ipv4_address_ready();
   }
-  ~StatusReport() override { reset_ipv4_address_ready(); }
   std::string confirm(const std::string& dev, const std::string& status) {
     return "STATUS * \r\nDevice ID:" + dev + "\r\nClient ID:" + kCliId + "\r\n" + status;
   }
+};
+
+struct StatusReport : StatusReportBeforeAddress {
+  StatusReport() { mark_ipv4_address_ready(); }
 };
 
 TEST_F(StatusReport, NotSentWhenConfirmedBeforeOrWithoutControllerRecord) {
@@ -200,8 +203,7 @@ TEST_F(StatusReport, SentOnceThenWaitsForTheRightConfirmation) {
 // A DHCP camera boots without an address: the report goes out once the
 // watcher has seen DHCP's, not before (it would be lost, and the camera
 // would wait for a confirmation for ever).
-TEST_F(StatusReport, WaitsUntilDhcpHasGivenTheCameraItsAddress) {
-  reset_ipv4_address_ready();
+TEST_F(StatusReportBeforeAddress, WaitsUntilDhcpHasGivenTheCameraItsAddress) {
   LoopEndpoint search, batch;
   daemon_state.endpoints[0] = search.ep;
   daemon_state.endpoints[1] = batch.ep;

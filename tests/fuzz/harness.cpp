@@ -7,7 +7,9 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "core/upgrade.h"
+#include "core/daemon_state.h"
+#include "core/dbgout.h"
+#include "core/local_control.h"
 #include "discovery/identity.h"
 #include "discovery/broadcast.h"
 #include "partner/search_mira.h"
@@ -54,8 +56,6 @@ FuzzCamera& reset_camera() {
   reset_camera_state();
   daemon_state.work_mode = WORK_NORMAL;
   set_upgrade_client_id("");
-  reset_production_mode();
-  set_device_type_code("");
   put_file(c.cam.path("/data/net.conf"), "dhcp=0\nipaddr=192.168.77.2\nmacaddr=02:00:00:00:00:01\n");
   put_file(c.cam.path("/etc/resolv.conf"), "nameserver 8.8.8.8\n");
   put_file(c.cam.path("/customer/version_file"), "V2.5.1\n");

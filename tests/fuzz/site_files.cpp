@@ -4,6 +4,7 @@
 // every text within its field.
 #include "core/helpers.h"
 #include "core/site_conf.h"
+#include "core/upgrade.h"
 #include "fakes/fake_flash.h"
 #include "harness.h"
 

@@ -12,7 +12,7 @@
 #include <utility>
 #include <vector>
 
-#include "core/upgrade.h"
+#include "core/daemon_state.h"
 #include "fakes/fake_flash.h"
 #include "fakes/fake_platform.h"
 

@@ -22,7 +22,6 @@ struct PartnerCamera : CameraFixtureBase, ::testing::Test {
     sockaddr_in a;
     control = bound_udp(&a);
     set_local_control_port(ntohs(a.sin_port));
-    set_device_type_code("");
     cam.write("/customer/version_file", "V2.5.1\n");
     cam.write("/customer/device_model_file", "K1.T\n");
     net_info_t ni{};

@@ -11,5 +11,3 @@ inline constexpr int kLocalControlPort = wire::kLocalControlPort;
 // Sends buf as one UDP datagram from a fresh socket to the service and
 // closes the socket; no reply is awaited.
 void send_local_control(const void* buf, size_t len);
-// Where the datagrams go (tests move the port).
-void set_local_control_port(int port);

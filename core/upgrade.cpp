@@ -18,6 +18,7 @@
 
 #include "core/dbgout.h"
 #include "core/helpers.h"
+#include "core/network.h"
 #include "core/platform.h"
 #include "core/text.h"
 #include "core/threads.h"
@@ -251,7 +252,7 @@ void fill_endpoint_records() {
 }
 
 int init_tcpsocket(int* listen_socket, struct sockaddr_in* addr) {
-  int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  int fd = net().socket(AF_INET, SOCK_STREAM, 0);
   if (fd < 0) {
     DBG_ERR("socket failed\n");
     sys().exit_process(1);
@@ -261,13 +262,13 @@ int init_tcpsocket(int* listen_socket, struct sockaddr_in* addr) {
   addr->sin_addr.s_addr = htonl(INADDR_ANY);
   addr->sin_port = htons(5555);
   int on = 1;
-  setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
-  if (bind(fd, reinterpret_cast<struct sockaddr*>(addr), sizeof(*addr)) < 0) {
+  net().setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
+  if (net().bind(fd, reinterpret_cast<struct sockaddr*>(addr), sizeof(*addr)) < 0) {
     DBG_ERR("bind failed\n");
-    close(fd);
+    net().close(fd);
     sys().exit_process(1);
   }
-  listen(fd, 5);
+  net().listen(fd, 5);
   register_listener_socket(fd);
   *listen_socket = fd;
   DBG_INFO("init socket succeed\n");
@@ -277,7 +278,7 @@ int init_tcpsocket(int* listen_socket, struct sockaddr_in* addr) {
 int waiting(int listen_socket, struct sockaddr_in* peer) {
   DBG_INFO("waiting connect...\n");
   socklen_t len = 0;  // the peer address is not filled in
-  int fd = accept4(listen_socket, reinterpret_cast<struct sockaddr*>(peer), &len, SOCK_CLOEXEC);
+  int fd = net().accept(listen_socket, reinterpret_cast<struct sockaddr*>(peer), &len);
   if (fd < 0) {
     DBG_ERR("accept failed\n");
     sys().sync();

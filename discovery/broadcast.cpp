@@ -12,6 +12,7 @@
 
 #include "core/daemon_state.h"
 #include "core/dbgout.h"
+#include "core/network.h"
 #include "discovery/command_auth.h"
 #include "discovery/identity.h"
 #include "discovery/mcast.h"
@@ -25,9 +26,9 @@ namespace {
 #define BR_ERR(fmt, ...) DBG_ERR_AS("broadcast_receive", fmt __VA_OPT__(, ) __VA_ARGS__)
 
 int reply(broadcast_ctx* ctx, const std::string& text) {
-  return static_cast<int>(sendto(ctx->sock, text.data(), text.size(), 0,
-                                 reinterpret_cast<const struct sockaddr*>(&ctx->peer),
-                                 sizeof(ctx->peer)));
+  return static_cast<int>(net().sendto(ctx->sock, text.data(), text.size(), 0,
+                                       reinterpret_cast<const struct sockaddr*>(&ctx->peer),
+                                       sizeof(ctx->peer)));
 }
 
 bool addressed(const char* msg) {
@@ -123,7 +124,7 @@ int production(const char* msg) {
 int production_mode_enable() { return daemon_state.production_mode.load(); }
 
 int broadcast_open(int port, struct sockaddr_in* local) {
-  int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  int fd = net().socket(AF_INET, SOCK_DGRAM, 0);
   if (fd < 0) {
     DBG_ERR_AS("broadcast_func", "socket() error\n");
     return -1;
@@ -132,7 +133,7 @@ int broadcast_open(int port, struct sockaddr_in* local) {
   local->sin_family = AF_INET;
   local->sin_addr.s_addr = htonl(INADDR_ANY);
   local->sin_port = htons(static_cast<uint16_t>(port));
-  if (bind(fd, reinterpret_cast<struct sockaddr*>(local), sizeof(*local)) < 0)
+  if (net().bind(fd, reinterpret_cast<struct sockaddr*>(local), sizeof(*local)) < 0)
     DBG_ERR_AS("broadcast_func", "bind() error\n");
   DBG_INFO_AS("broadcast_func", "init broadcast finish\n");
   return fd;
@@ -148,8 +149,8 @@ int broadcast_serve_once(broadcast_ctx* ctx) {
   char buf[wb::kDatagramMax + 1] = {};
   memset(&ctx->peer, 0, sizeof(ctx->peer));
   socklen_t len = sizeof(ctx->peer);
-  ssize_t n = recvfrom(ctx->sock, buf, wb::kDatagramMax, 0,
-                       reinterpret_cast<struct sockaddr*>(&ctx->peer), &len);
+  ssize_t n = net().recvfrom(ctx->sock, buf, wb::kDatagramMax, 0,
+                             reinterpret_cast<struct sockaddr*>(&ctx->peer), &len);
   if (n < 0) {
     DBG_ERR_AS("broadcast_func", "recvfrom() error\n");
     return -1;

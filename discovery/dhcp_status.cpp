@@ -11,6 +11,7 @@
 
 #include "core/daemon_state.h"
 #include "core/dbgout.h"
+#include "core/network.h"
 #include "core/platform.h"
 #include "discovery/commands.h"
 #include "discovery/identity.h"
@@ -92,11 +93,12 @@ int mcast_receive_status(mcast_endpoint*, const char* buf, size_t len) {
 int mcast_status_listen_once(mcast_endpoint* ep) {
   int fd = ep->sock->load();
   struct pollfd pfd = {fd, POLLIN, 0};
-  int ready = poll(&pfd, 1, 50);
+  int ready = net().poll(&pfd, 1, 50);
   if (ready == 0) return 0;
   char buf[kSearchDatagram];
   ssize_t n = -1;
-  if (ready > 0 && (pfd.revents & POLLIN) != 0) n = recv(fd, buf, sizeof(buf), MSG_DONTWAIT);
+  if (ready > 0 && (pfd.revents & POLLIN) != 0)
+    n = net().recvfrom(fd, buf, sizeof(buf), MSG_DONTWAIT, nullptr, nullptr);
   if (n < 0) {
     sys().sleep_us(50000);
     return 0;

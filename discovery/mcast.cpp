@@ -19,6 +19,7 @@
 #include "core/daemon_state.h"
 #include "core/dbgout.h"
 #include "core/fork_guard.h"
+#include "core/network.h"
 #include "core/platform.h"
 #include "discovery/commands.h"
 #include "discovery/identity.h"
@@ -33,7 +34,6 @@ constexpr int kRecvBufferBytes = 2 << 20;
 constexpr uint64_t kSwitchOffUs = 100000;
 constexpr uint64_t kIdleUs = 50000;
 
-std::atomic<mcast_open_fn> g_open_hook{nullptr};
 // Guards the address records while an endpoint is (re-)opened or used.
 std::mutex g_addr_mu;
 // An installer's forked child sends acknowledgements (see identity.cpp).
@@ -70,18 +70,16 @@ struct socket_read_lock {
 };
 
 int open_locked(mcast_endpoint* ep) {
-  mcast_open_fn hook = g_open_hook.load();
-  if (hook != nullptr) return hook(ep);
   return init_mcast(ep->sock, ep->bind_addr, ep->group_addr, ep->port, ep->group);
 }
 
 int set_int_opt(int fd, int level, int opt, int value) {
-  return setsockopt(fd, level, opt, &value, sizeof(value));
+  return net().setsockopt(fd, level, opt, &value, sizeof(value));
 }
 
 void close_endpoint_socket(std::atomic<int>* sock) {
   int fd = sock->exchange(-1);
-  if (fd >= 0) close(fd);
+  if (fd >= 0) net().close(fd);
 }
 
 // Sends `text` to the group address of an endpoint (copied under the lock,
@@ -95,14 +93,13 @@ bool send_to_group(const std::atomic<int>* sock, const Addr* group, const char* 
   }
   socket_read_lock use;
   int fd = sock->load();
-  return sendto(fd, text, strlen(text), 0, reinterpret_cast<struct sockaddr*>(&to), sizeof(to)) >=
-         0;
+  return net().sendto(fd, text, strlen(text), 0, reinterpret_cast<struct sockaddr*>(&to),
+                      sizeof(to)) >= 0;
 }
 
 }  // namespace
 
 int mcast_net_info_failures() { return daemon_state.net_info_failures.load(); }
-void set_mcast_open_hook(mcast_open_fn fn) { g_open_hook.store(fn); }
 
 int mcast_open_endpoint(mcast_endpoint* ep) {
   socket_write_lock lock;
@@ -120,8 +117,8 @@ namespace {
 void drop_locked(mcast_endpoint* ep) {
   int fd = ep->sock->exchange(-1);
   if (fd > 0) {
-    shutdown(fd, SHUT_RDWR);
-    close(fd);
+    net().shutdown(fd, SHUT_RDWR);
+    net().close(fd);
   }
 }
 }  // namespace
@@ -138,13 +135,13 @@ void mcast_drop_endpoint(mcast_endpoint* ep) {
 }
 
 int set_nonblocking(int fd, int block) {
-  int flags = fcntl(fd, F_GETFL, 0);
+  int flags = net().fcntl(fd, F_GETFL, 0);
   if (flags < 0) {
     DBG_ERR("fcntl F_GETFL fail\n");
     return -1;
   }
   flags = block == 0 ? (flags | O_NONBLOCK) : (flags & ~O_NONBLOCK);
-  if (fcntl(fd, F_SETFL, flags) < 0) {
+  if (net().fcntl(fd, F_SETFL, flags) < 0) {
     DBG_ERR("fcntl F_SETFL fail\n");
     return -1;
   }
@@ -153,7 +150,7 @@ int set_nonblocking(int fd, int block) {
 
 int init_mcast(std::atomic<int>* sock, struct sockaddr_in* bind_addr,
                struct sockaddr_in* group_addr, int port, const char* group) {
-  int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  int fd = net().socket(AF_INET, SOCK_DGRAM, 0);
   if (fd < 0) {
     DBG_ERR("socket failed\n");
     return -1;
@@ -183,7 +180,7 @@ int init_mcast(std::atomic<int>* sock, struct sockaddr_in* bind_addr,
     std::lock_guard<std::mutex> lock(g_addr_mu);
     local = *bind_addr;
   }
-  if (bind(fd, reinterpret_cast<struct sockaddr*>(&local), sizeof(local)) < 0) {
+  if (net().bind(fd, reinterpret_cast<struct sockaddr*>(&local), sizeof(local)) < 0) {
     DBG_ERR("bind failed\n");
     perror("bind");
     return -1;
@@ -223,13 +220,14 @@ int join_mcast_group(int fd, in_addr_t group, in_addr_t iface, bool join_optiona
   memset(&mreq, 0, sizeof(mreq));
   mreq.imr_multiaddr.s_addr = group;
   mreq.imr_interface.s_addr = iface;
-  if (setsockopt(fd, IPPROTO_IP, IP_ADD_MEMBERSHIP, &mreq, sizeof(mreq)) < 0) {
+  if (net().setsockopt(fd, IPPROTO_IP, IP_ADD_MEMBERSHIP, &mreq, sizeof(mreq)) < 0) {
     failed |= kMcastJoinFailed;
     if (!join_optional) return failed;
   }
   struct in_addr out;
   out.s_addr = iface;
-  if (setsockopt(fd, IPPROTO_IP, IP_MULTICAST_IF, &out, sizeof(out)) < 0) failed |= kMcastIfFailed;
+  if (net().setsockopt(fd, IPPROTO_IP, IP_MULTICAST_IF, &out, sizeof(out)) < 0)
+    failed |= kMcastIfFailed;
   return failed;
 }
 
@@ -245,7 +243,7 @@ int leave_mcast_group(std::atomic<int>* sock, const char* group) {
   memset(&mreq, 0, sizeof(mreq));
   mreq.imr_multiaddr.s_addr = inet_addr(group);
   mreq.imr_interface.s_addr = local_ip[0] != '\0' ? inet_addr(local_ip) : htonl(INADDR_ANY);
-  if (setsockopt(sock->load(), IPPROTO_IP, IP_DROP_MEMBERSHIP, &mreq, sizeof(mreq)) < 0) {
+  if (net().setsockopt(sock->load(), IPPROTO_IP, IP_DROP_MEMBERSHIP, &mreq, sizeof(mreq)) < 0) {
     DBG_ERR("setsockopt:IP_DROP_MEMBER error\n");
     close_endpoint_socket(sock);
     return -1;
@@ -266,7 +264,7 @@ int init_mcast_ipv6(std::atomic<int>* sock, struct sockaddr_in6* bind_addr,
   char tmp[64] = {};
   get_ipv6_global_addr("eth0", tmp, sizeof(tmp));
   DBG_INFO("tmp: %s\n", tmp);
-  int fd = socket(AF_INET6, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  int fd = net().socket(AF_INET6, SOCK_DGRAM, 0);
   if (fd < 0) {
     DBG_ERR("socket failed\n");
     return -1;
@@ -290,7 +288,7 @@ int init_mcast_ipv6(std::atomic<int>* sock, struct sockaddr_in6* bind_addr,
     local = *bind_addr;
     grp = group_addr->sin6_addr;
   }
-  if (bind(fd, reinterpret_cast<struct sockaddr*>(&local), sizeof(local)) < 0) {
+  if (net().bind(fd, reinterpret_cast<struct sockaddr*>(&local), sizeof(local)) < 0) {
     DBG_ERR("bind failed\n");
     return -1;
   }
@@ -306,17 +304,17 @@ int init_mcast_ipv6(std::atomic<int>* sock, struct sockaddr_in6* bind_addr,
     DBG_ERR("Set IPV6_MULTICAST_TTL failed\n");
     return -1;
   }
-  unsigned int ifindex = if_nametoindex("eth0");
+  unsigned int ifindex = net().interface_index("eth0");
   DBG_INFO("ifindex: %d\n", static_cast<int>(ifindex));
   struct ipv6_mreq mreq;
   memset(&mreq, 0, sizeof(mreq));
   mreq.ipv6mr_multiaddr = grp;
   mreq.ipv6mr_interface = ifindex;
-  if (setsockopt(fd, IPPROTO_IPV6, IPV6_ADD_MEMBERSHIP, &mreq, sizeof(mreq)) < 0) {
+  if (net().setsockopt(fd, IPPROTO_IPV6, IPV6_ADD_MEMBERSHIP, &mreq, sizeof(mreq)) < 0) {
     DBG_ERR("Setting IPV6_ADD_MEMBERSHIP error\n");
     return -1;
   }
-  if (setsockopt(fd, IPPROTO_IPV6, IPV6_MULTICAST_IF, &ifindex, sizeof(ifindex)) < 0) {
+  if (net().setsockopt(fd, IPPROTO_IPV6, IPV6_MULTICAST_IF, &ifindex, sizeof(ifindex)) < 0) {
     DBG_ERR("Setting IPV6_MULTICAST_IF error\n");
     return -1;
   }
@@ -334,7 +332,7 @@ void mcast_send_data_ipv6(mcast_endpoint* ep, const char* text) {
 int ip_udp_send(const char* src_addr, int src_port, const char* dst_addr, int dst_port,
                 const void* payload, size_t len) {
   if (len > 65507) return -1;
-  int fd = socket(AF_INET, SOCK_RAW | SOCK_CLOEXEC, IPPROTO_UDP);
+  int fd = net().socket(AF_INET, SOCK_RAW, IPPROTO_UDP);
   if (fd < 0) {
     DBG_ERR("socket failed\n");
     return -1;
@@ -345,14 +343,14 @@ int ip_udp_send(const char* src_addr, int src_port, const char* dst_addr, int ds
   local.sin_family = AF_INET;
   local.sin_addr.s_addr = htonl(INADDR_ANY);
   local.sin_port = htons(static_cast<uint16_t>(dst_port));
-  if (bind(fd, reinterpret_cast<struct sockaddr*>(&local), sizeof(local)) < 0) {
+  if (net().bind(fd, reinterpret_cast<struct sockaddr*>(&local), sizeof(local)) < 0) {
     DBG_ERR("bind failed\n");
-    close(fd);
+    net().close(fd);
     sys().exit_process(1);
   }
   if (set_int_opt(fd, SOL_SOCKET, SO_REUSEADDR, 1) < 0) {
     DBG_ERR("Reusing ADDR failed\n");
-    close(fd);
+    net().close(fd);
     sys().exit_process(1);
   }
   in_addr_t src = inet_addr(src_addr);
@@ -391,14 +389,14 @@ int ip_udp_send(const char* src_addr, int src_port, const char* dst_addr, int ds
   to.sin_addr.s_addr = dst;
   to.sin_port = htons(static_cast<uint16_t>(dst_port));
   int rc = 0;
-  if (sendto(fd, pkt.data(), pkt.size(), 0, reinterpret_cast<struct sockaddr*>(&to), sizeof(to)) <
-      0) {
+  if (net().sendto(fd, pkt.data(), pkt.size(), 0, reinterpret_cast<struct sockaddr*>(&to),
+                   sizeof(to)) < 0) {
     DBG_ERR("sendto() failed\n");
     rc = -1;
   } else {
     DBG_INFO("sendto() ok!!!\n");
   }
-  close(fd);
+  net().close(fd);
   return rc;
 }
 
@@ -432,17 +430,17 @@ int mcast_listen_once(mcast_endpoint* ep, std::atomic<int>& recv_switch, size_t 
     // taken at once; otherwise waiting in poll() answers a command as soon
     // as it comes, the timeout being the idle pause of a non-blocking read.
     if (!off) {
-      n = recvfrom(fd, buf, size, MSG_DONTWAIT, reinterpret_cast<struct sockaddr*>(&sender),
-                   &sender_len);
+      n = net().recvfrom(fd, buf, size, MSG_DONTWAIT, reinterpret_cast<struct sockaddr*>(&sender),
+                         &sender_len);
     }
     if (!off && n < 0) {
       struct pollfd pfd = {fd, POLLIN, 0};
-      int ready = poll(&pfd, 1, kPollMs);
+      int ready = net().poll(&pfd, 1, kPollMs);
       if (ready == 0) return 0;
       if (ready > 0 && (pfd.revents & POLLIN) != 0) {
         sender_len = sizeof(sender);
-        n = recvfrom(fd, buf, size, MSG_DONTWAIT, reinterpret_cast<struct sockaddr*>(&sender),
-                     &sender_len);
+        n = net().recvfrom(fd, buf, size, MSG_DONTWAIT,
+                           reinterpret_cast<struct sockaddr*>(&sender), &sender_len);
       }
       idle = n < 0;
     }

@@ -57,8 +57,6 @@ int ip_udp_send(const char* src_addr, int src_port, const char* dst_addr, int ds
                 const void* payload, size_t len);
 
 // (Re-)opens an endpoint record with init_mcast on its own group and port.
-// Tests replace the opener to keep traffic on the loopback interface.
-using mcast_open_fn = int (*)(mcast_endpoint* ep);
 // Opening, dropping and re-opening an endpoint's socket are serialized, so
 // a listener opening its socket and the DHCP watcher re-creating it never
 // work on the same descriptor at once.
@@ -66,7 +64,6 @@ int mcast_open_endpoint(mcast_endpoint* ep);
 int mcast_open_endpoint_if_closed(mcast_endpoint* ep);
 int mcast_reopen_endpoint(mcast_endpoint* ep);
 void mcast_drop_endpoint(mcast_endpoint* ep);
-void set_mcast_open_hook(mcast_open_fn fn);
 
 // The listeners' building blocks.
 // Calls get_net_info until it succeeds, one second apart.

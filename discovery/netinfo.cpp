@@ -2,10 +2,8 @@
 // configuration commands rewrite ("/data/net.conf", "/etc/resolv.conf").
 #include <arpa/inet.h>
 #include <fcntl.h>
-#include <net/if.h>
 #include <netinet/in.h>
 #include <sys/file.h>
-#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -16,6 +14,7 @@
 
 #include "core/daemon_state.h"
 #include "core/dbgout.h"
+#include "core/network.h"
 #include "core/platform.h"
 #include "core/text.h"
 #include "discovery/identity.h"
@@ -264,29 +263,15 @@ void update_serialNo_and_mac(const char* msg) {
 
 int get_local_ip(const char* ifname, char* out, size_t size) {
   out[0] = '\0';
-  int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  if (fd < 0) return -1;
-  struct ifreq ifr;
-  memset(&ifr, 0, sizeof(ifr));
-  copy_text(ifr.ifr_name, IFNAMSIZ, ifname, IFNAMSIZ - 1);
-  int rc = ioctl(fd, SIOCGIFADDR, &ifr);
-  close(fd);
-  if (rc != 0) return -1;
-  const auto* in = reinterpret_cast<const struct sockaddr_in*>(&ifr.ifr_addr);
-  if (inet_ntop(AF_INET, &in->sin_addr, out, static_cast<socklen_t>(size)) == nullptr) return -1;
+  struct in_addr addr;
+  if (net().interface_ipv4(ifname, &addr) != 0) return -1;
+  if (inet_ntop(AF_INET, &addr, out, static_cast<socklen_t>(size)) == nullptr) return -1;
   return 0;
 }
 
 int get_mac_by_ioctl(const char* ifname, char* out, size_t size) {
-  int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (fd < 0) return -1;
-  struct ifreq ifr;
-  memset(&ifr, 0, sizeof(ifr));
-  copy_text(ifr.ifr_name, IFNAMSIZ, ifname, IFNAMSIZ - 1);
-  int rc = ioctl(fd, SIOCGIFHWADDR, &ifr);
-  close(fd);
-  if (rc != 0) return -1;
-  const auto* b = reinterpret_cast<const unsigned char*>(ifr.ifr_hwaddr.sa_data);
+  unsigned char b[6];
+  if (net().interface_hwaddr(ifname, b) != 0) return -1;
   snprintf(out, size, "%02x:%02x:%02x:%02x:%02x:%02x", b[0], b[1], b[2], b[3], b[4], b[5]);
   return 0;
 }

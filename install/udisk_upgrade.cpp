@@ -4,7 +4,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cstdio>
 #include <cstring>
 #include <string_view>
@@ -28,10 +27,6 @@ constexpr const char* kUbootPiece = "/dev/u-boot.bin";
 constexpr const char* kUimagePiece = "/dev/uImage.bin";
 
 unsigned char g_status[kUdiskStatusLen] = {0x81, 0x0A, 0x11, 0x5B, 0x00, 0xFF};
-
-void send_local_status(const unsigned char* buf, size_t len) { send_local_control(buf, len); }
-
-std::atomic<udisk_status_sender> g_sender{send_local_status};
 
 void refuse() {
   send_udisk_status(2);
@@ -149,13 +144,9 @@ int check_usb_disk_mount() {
   return 0;
 }
 
-udisk_status_sender set_udisk_status_sender(udisk_status_sender sender) {
-  return g_sender.exchange(sender != nullptr ? sender : send_local_status);
-}
-
 void send_udisk_status(unsigned char status) {
   g_status[4] = status;
-  g_sender.load()(g_status, sizeof(g_status));
+  send_local_control(g_status, sizeof(g_status));
 }
 
 const unsigned char* udisk_status_buffer() { return g_status; }

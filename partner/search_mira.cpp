@@ -19,13 +19,13 @@
 #include "core/dbgout.h"
 #include "core/helpers.h"
 #include "core/local_control.h"
+#include "core/network.h"
 #include "core/platform.h"
 #include "core/text.h"
 #include "core/threads.h"
 #include "discovery/command_auth.h"
 #include "discovery/commands.h"
 #include "discovery/mcast.h"
-#include "partner/mira_net.h"
 #include "partner/param_mira.h"
 #include "wire/partner.h"
 
@@ -53,7 +53,7 @@ void store_local_address(const char* addr) {
 // interface has none.
 void current_local_address(char* out, size_t size) {
   char now[32] = {};
-  if (mira_net().local_address("eth0", now, sizeof(now)) == 0 && now[0] != '\0')
+  if (get_local_ip("eth0", now, sizeof(now)) == 0 && now[0] != '\0')
     store_local_address(now);
   std::lock_guard<std::mutex> lock(g_mu);
   copy_text(out, size, g_local_addr, sizeof(g_local_addr));
@@ -66,7 +66,7 @@ void send_reply(const uint8_t* frame, size_t len) {
   char local[32];
   current_local_address(local, sizeof(local));
   for (const char* group : wp::kReplyGroups)
-    mira_net().raw_send(local, wp::kPort, group, wp::kPort, frame, len);
+    ip_udp_send(local, wp::kPort, group, wp::kPort, frame, len);
 }
 
 // The request names this camera.
@@ -198,7 +198,7 @@ void handle_set(const uint8_t* datagram, size_t length) {
 }
 
 int set_int_opt(int fd, int level, int opt, int value) {
-  return setsockopt(fd, level, opt, &value, sizeof(value));
+  return net().setsockopt(fd, level, opt, &value, sizeof(value));
 }
 
 }  // namespace
@@ -233,7 +233,7 @@ int init_search_mira_server() {
 }
 
 int init_mcast_mira(int* sock, struct sockaddr_in* local, struct sockaddr_in* group) {
-  int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  int fd = net().socket(AF_INET, SOCK_DGRAM, 0);
   if (fd < 0) {
     DBG_ERR("socket failed\n");
     sys().exit_process(1);
@@ -247,7 +247,7 @@ int init_mcast_mira(int* sock, struct sockaddr_in* local, struct sockaddr_in* gr
   group->sin_addr.s_addr = inet_addr(wp::kRequestGroup);
   group->sin_port = htons(static_cast<uint16_t>(wp::kPort));
   // Bound first, address reuse only afterwards.
-  if (bind(fd, reinterpret_cast<struct sockaddr*>(local), sizeof(*local)) < 0) {
+  if (net().bind(fd, reinterpret_cast<struct sockaddr*>(local), sizeof(*local)) < 0) {
     DBG_ERR("bind failed\n");
     sys().exit_process(1);
   }
@@ -257,7 +257,7 @@ int init_mcast_mira(int* sock, struct sockaddr_in* local, struct sockaddr_in* gr
   }
   *sock = fd;
   auto fail = [&]() {
-    close(fd);
+    net().close(fd);
     *sock = -1;
     return -1;
   };
@@ -269,7 +269,7 @@ int init_mcast_mira(int* sock, struct sockaddr_in* local, struct sockaddr_in* gr
     return fail();
   }
   char ip[32] = {};
-  mira_net().local_address("eth0", ip, sizeof(ip));
+  get_local_ip("eth0", ip, sizeof(ip));
   store_local_address(ip);
   DBG_INFO("get_local_ip: %s\n", ip);
   // A failed membership is only reported: the reply interface is set anyway.
@@ -306,8 +306,8 @@ int mira_serve_once(int sock, const char* thread, mira_handler handle) {
   struct sockaddr_in from;
   memset(&from, 0, sizeof(from));
   socklen_t from_len = sizeof(from);
-  ssize_t n =
-      recvfrom(sock, buf, sizeof(buf), 0, reinterpret_cast<struct sockaddr*>(&from), &from_len);
+  ssize_t n = net().recvfrom(sock, buf, sizeof(buf), 0, reinterpret_cast<struct sockaddr*>(&from),
+                             &from_len);
   if (n < 0) {
     DBG_ERR_AS(thread, "recvfrom failed\n");
     DBG_ERR_AS(thread, "recv: %d\n", static_cast<int>(n));

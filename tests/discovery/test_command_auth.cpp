@@ -76,8 +76,8 @@ TEST_F(KeyedCamera, UnsignedProtocolsChangeNothingButStillAnswerDiscovery) {
   broadcast_receive(&ctx, enable.c_str());
   EXPECT_EQ(production_mode_enable(), 0);
   EXPECT_GT(broadcast_receive(&ctx, "Discovery camera"), 0);
-  close(ctx.sock);
-  close(tool);
+  close_socket(ctx.sock);
+  close_socket(tool);
 }
 
 }  // namespace

@@ -14,8 +14,8 @@
 #include <random>
 #include <string>
 
+#include "bench_camera.h"
 #include "core/daemon_state.h"
-#include "fakes/fake_platform.h"
 #include "mcu/stm32flashloader.h"
 #include "sim/stm32/stm32_sim.h"
 
@@ -41,7 +41,7 @@ std::string image_bytes() {
 }
 
 void BM_ArmUpgrade64K(benchmark::State& state) {
-  FakeCamera cam;  // no real waits in the reset sequence, no GPIO (board type 0)
+  BenchCamera cam;  // no real waits in the reset sequence, no GPIO (board type 0)
   cam.write("/customer/motor.bin", image_bytes());
   Stm32Sim sim(paced());
   std::filesystem::create_directories(cam.path("/dev"));

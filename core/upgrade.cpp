@@ -27,7 +27,6 @@
 #include "discovery/identity.h"
 #include "discovery/mcast.h"
 #include "install/mtd_debug.h"
-#include "install/mtd_file_backend.h"
 #include "install/mtd_upgrade.h"
 #include "install/udisk_upgrade.h"
 #include "mcu/arm_image.h"
@@ -287,13 +286,13 @@ int waiting(int listen_socket, struct sockaddr_in* peer) {
   return fd;
 }
 
-int upgrade_main(int argc, char** argv) {
+int upgrade_main(int argc, char** argv, int (*flash_setup)()) {
   if (parse_command_line(argc, argv) == 1) {
     printf("upgrade version: v%s\n", kUpgradeVersion);
     fflush(stdout);
     return 0;
   }
-  install_flash_backend_from_env();
+  if (flash_setup != nullptr) flash_setup();
   daemon_state_t& st = daemon_state;
   read_pid_config();
   read_del_config();

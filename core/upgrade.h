@@ -25,4 +25,6 @@ int init_tcpsocket(int* listen_socket, struct sockaddr_in* addr);
 int waiting(int listen_socket, struct sockaddr_in* peer);
 
 // The whole daemon; returns only for "VERSION" (0) or fatal failures.
-int upgrade_main(int argc, char** argv);
+// `flash_setup`, when given, runs once the command line is read (a host
+// build installs the file-backed flash of sim/flash with it).
+int upgrade_main(int argc, char** argv, int (*flash_setup)() = nullptr);

@@ -191,7 +191,7 @@ TEST_F(UdiskTest, UnsafeNamesAreRefusedWhateverElseMatches) {
 // Leaving the loop clears quiet: the end reaches the upgrade log even when
 // the partition it ends at silenced it.
 TEST_F(UdiskTest, UpgradeLogRecordsTheEndAfterAQuietPartition) {
-  FakeFlash chip;
+  MemoryFlash chip;
   partitions({{0x80000, "boot"}, {0x100000, "data"}}, 0x10000, kNor, &chip);
   cam.write("/mnt/usb/fw_K1.img", as_text(pattern(0x180000, 12)));
   EXPECT_EQ(1, poll());
@@ -211,7 +211,7 @@ TEST_F(UdiskTest, EraseOrWriteFailureRebootsAtOnce) {
   EXPECT_FALSE(ran("/bin/fw_setenv mode_type K1"));
 
   cam.platform().clear();
-  FakeFlash chip;
+  MemoryFlash chip;
   partitions({{0x80000, "boot"}, {0x100000, "kernel"}}, 0x10000, kNor, &chip);
   track_env(nullptr, &chip);
   chip.fail_write(0, 6);

@@ -36,7 +36,7 @@ constexpr uint64_t kIdleUs = 50000;
 
 // Guards the address records while an endpoint is (re-)opened or used.
 std::mutex g_addr_mu;
-// An installer's forked child sends acknowledgements (see identity.cpp).
+// An installer's forked child sends acknowledgements (see core/daemon_state.cpp).
 [[maybe_unused]] const int g_addr_fork_guard = guard_across_fork<g_addr_mu>();
 
 // The endpoints' sockets: opened, dropped and re-opened under the write

@@ -1,3 +1,5 @@
+// The listener loop, the endpoints and their failures, the DHCP watcher and the
+// post-upgrade status report on the fake LAN; the raw sender on a real socket.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 

@@ -199,10 +199,14 @@ int FlashModel::erase(int fd, const erase_info_user* ei) {
       static_cast<uint64_t>(ei->start) + ei->length > d->info.size)
     return fail(EINVAL);
   if (!powered_op()) return fail(EIO);
-  const std::vector<uint8_t> ff(es, 0xFF);
+  const std::vector<uint8_t> ff(d->in_file ? es : 0, 0xFF);
   for (uint32_t b = ei->start / es; b < (ei->start + ei->length) / es; ++b) {
     if ((d->bad[b] && d->info.type == kNand) || d->erase_fail.count(b) != 0) return fail(EIO);
-    if (!store(*d, *h, static_cast<uint64_t>(b) * es, ff.data(), es)) return fail(EIO);
+    const uint64_t at = static_cast<uint64_t>(b) * es;
+    if (!d->in_file)
+      memset(d->bytes.data() + at, 0xFF, es);
+    else if (!store(*d, *h, at, ff.data(), es))
+      return fail(EIO);
     d->erased[b] = true;
     ++erases_;
   }
@@ -290,9 +294,11 @@ ssize_t FlashModel::write(int fd, const void* buf, size_t count) {
   }
   if (!powered_op()) return fail(EIO);
   // Programming clears bits only: the new byte is the old one AND the data
-  // (the first byte of a weak block's program comes out corrupted).
-  std::vector<uint8_t> cells(count);
-  if (count > 0 && !load(*d, *h, h->pos, cells.data(), count)) return fail(EIO);
+  // (the first byte of a weak block's program comes out corrupted). A memory
+  // device is programmed in place, a file device through a copy.
+  std::vector<uint8_t> copy(d->in_file ? count : 0);
+  uint8_t* cells = d->in_file ? copy.data() : d->bytes.data() + h->pos;
+  if (d->in_file && count > 0 && !load(*d, *h, h->pos, cells, count)) return fail(EIO);
   const uint8_t* src = static_cast<const uint8_t*>(buf);
   for (size_t i = 0; i < count; ++i) {
     uint64_t a = h->pos + i;
@@ -301,7 +307,7 @@ ssize_t FlashModel::write(int fd, const void* buf, size_t count) {
     if (weak != d->weak.end() && weak->second > 0 && a % es == 0) v ^= 0x01;
     cells[i] &= v;
   }
-  if (count > 0 && !store(*d, *h, h->pos, cells.data(), count)) return fail(EIO);
+  if (d->in_file && count > 0 && !store(*d, *h, h->pos, cells, count)) return fail(EIO);
   for (uint64_t a = h->pos; a < h->pos + count; a += es - a % es) {
     auto weak = d->weak.find(static_cast<uint32_t>(a / es));
     if (weak != d->weak.end() && weak->second > 0) --weak->second;

@@ -20,24 +20,24 @@ constexpr const char* kModelPath = "/customer/device_model_file";
 
 // Guards the version texts of daemon_state (read_version, current_version).
 std::mutex g_version_mu;
-[[maybe_unused]] const int g_version_fork_guard = guard_across_fork<g_version_mu>();
+[[maybe_unused]] const int g_version_fork_guard = guard_across_fork<g_version_mu>(kForkRankRecord);
 
 // The identity and IPv4 records. An installer's forked child builds
 // acknowledgements from these records: it must not inherit the lock from a
 // thread that does not exist there.
 std::mutex g_records_mu;
-[[maybe_unused]] const int g_records_fork_guard = guard_across_fork<g_records_mu>();
+[[maybe_unused]] const int g_records_fork_guard = guard_across_fork<g_records_mu>(kForkRankRecord);
 char g_device_id[kIdLen + 1];
 char g_client_id[kIdLen + 1];
 char g_upgrade_client_id[kIdLen + 1];
 net_info_t g_net_info;
 
 std::mutex g_ipv6_mu;
-[[maybe_unused]] const int g_ipv6_fork_guard = guard_across_fork<g_ipv6_mu>();
+[[maybe_unused]] const int g_ipv6_fork_guard = guard_across_fork<g_ipv6_mu>(kForkRankRecord);
 net_info_ipv6_t g_net_info_ipv6;
 
 std::mutex g_type_mu;
-[[maybe_unused]] const int g_type_fork_guard = guard_across_fork<g_type_mu>();
+[[maybe_unused]] const int g_type_fork_guard = guard_across_fork<g_type_mu>(kForkRankRecord);
 char g_type_code[kTypeCodeLen];
 
 // Whether eth0 has its IPv4 address: a static one from the start, a DHCP

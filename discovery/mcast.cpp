@@ -37,7 +37,7 @@ constexpr uint64_t kIdleUs = 50000;
 // Guards the address records while an endpoint is (re-)opened or used.
 std::mutex g_addr_mu;
 // An installer's forked child sends acknowledgements (see core/daemon_state.cpp).
-[[maybe_unused]] const int g_addr_fork_guard = guard_across_fork<g_addr_mu>();
+[[maybe_unused]] const int g_addr_fork_guard = guard_across_fork<g_addr_mu>(kForkRankModule);
 
 // The endpoints' sockets: opened, dropped and re-opened under the write
 // lock; the listeners receive and the handlers send under the read lock.
@@ -57,8 +57,8 @@ void init_open_lock() {
 // The child starts with a fresh lock: an rwlock knows its writer by thread
 // ID, and the child's thread has another one than the thread that locked.
 [[maybe_unused]] const int g_open_fork_guard = (init_open_lock(),
-    pthread_atfork([] { pthread_rwlock_wrlock(&g_open_mu); },
-                   [] { pthread_rwlock_unlock(&g_open_mu); }, init_open_lock));
+    register_fork_guard(kForkRankSockets, [] { pthread_rwlock_wrlock(&g_open_mu); },
+                        [] { pthread_rwlock_unlock(&g_open_mu); }, init_open_lock));
 
 struct socket_write_lock {
   socket_write_lock() { pthread_rwlock_wrlock(&g_open_mu); }

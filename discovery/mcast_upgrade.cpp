@@ -57,7 +57,7 @@ struct install_job {
 
 std::mutex g_mu;
 // A child of the installers carries on as a copy of the listener.
-[[maybe_unused]] const int g_mu_fork_guard = guard_across_fork<g_mu>();
+[[maybe_unused]] const int g_mu_fork_guard = guard_across_fork<g_mu>(kForkRankSession);
 upgrade_state g_up;
 // Set from a good md5 until the reboot (cleared again when nothing was
 // installed): announcements are answered '9', packets are dropped.

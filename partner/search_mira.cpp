@@ -38,7 +38,7 @@ constexpr const char* kTypeCommand = "cat /home/device_model_file";
 constexpr uint64_t kFirstOpenDelayUs = 3000000;
 
 std::mutex g_mu;
-[[maybe_unused]] const int g_mu_fork_guard = guard_across_fork<g_mu>();
+[[maybe_unused]] const int g_mu_fork_guard = guard_across_fork<g_mu>(kForkRankModule);
 char g_local_addr[32];  // eth0's address: source of the replies
 
 #define RX_INFO(fmt, ...) DBG_INFO_AS("mcast_receive_mira", fmt __VA_OPT__(, ) __VA_ARGS__)

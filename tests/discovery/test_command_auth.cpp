@@ -39,7 +39,9 @@ TEST_F(KeyedCamera, SignedCommandsRunOnceUnsignedOrForeignNever) {
   wire::key_pair stranger = wire::generate_key_pair();
   for (const std::string& cmd : {confignet("10.0.0.66"),
                                  wire::sign_command(stranger.sec, confignet("10.0.0.66"), c1),
-                                 wire::sign_command(site.sec, confignet("10.0.0.66"), "0" + c1.substr(1)),
+                                 // another challenge (its first digit changed)
+                                 wire::sign_command(site.sec, confignet("10.0.0.66"),
+                                                    (c1[0] == '0' ? "1" : "0") + c1.substr(1)),
                                  wire::sign_command(site.sec, confignet("10.0.0.6"), c1).replace(
                                      confignet("10.0.0.6").size() - 1, 1, "7")}) {
     receive(cmd);

@@ -14,9 +14,10 @@
 #include <random>
 #include <string>
 
-#include "fakes/fake_platform.h"
-#include "sim/stm32/stm32_sim.h"
+#include "bench_camera.h"
+#include "core/daemon_state.h"
 #include "mcu/stm32flashloader.h"
+#include "sim/stm32/stm32_sim.h"
 
 namespace {
 
@@ -40,12 +41,12 @@ std::string image_bytes() {
 }
 
 void BM_ArmUpgrade64K(benchmark::State& state) {
-  FakeCamera cam;  // no real waits in the reset sequence, no GPIO (board type 0)
+  BenchCamera cam;  // no real waits in the reset sequence, no GPIO (board type 0)
   cam.write("/customer/motor.bin", image_bytes());
   Stm32Sim sim(paced());
   std::filesystem::create_directories(cam.path("/dev"));
   std::filesystem::create_symlink(sim.device(), cam.path("/dev/ttyS1"));
-  board_type = 0;
+  daemon_state.board_type = 0;
   fflush(stdout);
   int saved = dup(1);  // the per-step console lines are not part of the figure
   int devnull = open("/dev/null", O_WRONLY);

@@ -9,9 +9,9 @@
 #include <string>
 #include <vector>
 
-#include "fakes/fake_flash.h"
-#include "fakes/fake_platform.h"
+#include "bench_camera.h"
 #include "install/mtd_debug.h"
+#include "sim/flash/flash_model.h"
 
 namespace {
 
@@ -33,8 +33,8 @@ std::vector<uint8_t> pattern(size_t n, uint32_t seed) {
 }
 
 struct Rig {
-  FakeCamera cam;
-  FakeFlash flash;
+  BenchCamera cam;
+  MemoryFlash flash;
   std::vector<uint8_t> old_content;
 
   explicit Rig(Change change) {

@@ -22,10 +22,10 @@ struct LogFile {
 // The installers' children write trace lines too (the controller's version
 // record before the '7'): both locks are free in a forked child.
 std::mutex g_net_mu;
-[[maybe_unused]] const int g_net_fork_guard = guard_across_fork<g_net_mu>();
+[[maybe_unused]] const int g_net_fork_guard = guard_across_fork<g_net_mu>(kForkRankLog);
 LogFile g_net;
 std::mutex g_data_mu;
-[[maybe_unused]] const int g_data_fork_guard = guard_across_fork<g_data_mu>();
+[[maybe_unused]] const int g_data_fork_guard = guard_across_fork<g_data_mu>(kForkRankLog);
 LogFile g_data;
 char g_data_path[256] = "/data/upgrade.log";
 

@@ -14,9 +14,10 @@
 #include <cstring>
 #include <string>
 
+#include "core/daemon_state.h"
 #include "core/dbgout.h"
+#include "core/network.h"
 #include "core/platform.h"
-#include "core/upgrade.h"
 
 // The watchdog request that enables the card: type 'W', number 4, int, read-write.
 static constexpr unsigned long kWdtEnableCard = 0xC0045704;
@@ -365,6 +366,6 @@ void register_listener_socket(int fd) {
 void close_listener_sockets() {
   for (auto& slot : g_listeners) {
     int fd = slot.exchange(-1);
-    if (fd >= 0) close(fd);
+    if (fd >= 0) net().close(fd);
   }
 }

@@ -1,10 +1,11 @@
-#include "core/fork_guard.h"
+// Start-up (Part 1.1): the command line, the site lists, the boot
+// environment and partition table, the endpoint records, the service threads
+// and the accept loop.
 #include "core/upgrade.h"
 
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
-#include <pthread.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -13,41 +14,28 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <mutex>
-#include <new>
 #include <string>
 
 #include "core/dbgout.h"
 #include "core/helpers.h"
+#include "core/network.h"
 #include "core/platform.h"
+#include "core/text.h"
+#include "core/threads.h"
 #include "discovery/broadcast.h"
 #include "discovery/dhcp_status.h"
 #include "discovery/identity.h"
+#include "discovery/mcast.h"
 #include "install/mtd_debug.h"
-#include "install/mtd_file_backend.h"
 #include "install/mtd_upgrade.h"
 #include "install/udisk_upgrade.h"
 #include "mcu/arm_image.h"
 #include "partner/search_mira.h"
 
-daemon_state_t daemon_state;
-
-void reset_daemon_state() {
-  daemon_state.~daemon_state_t();
-  new (&daemon_state) daemon_state_t();
-}
-
 namespace {
 
 constexpr const char* kPidListPath = "/customer/pid_list";
 constexpr const char* kDelListPath = "/customer/del_list";
-constexpr const char* kVersionPath = "/customer/version_file";
-constexpr const char* kModelPath = "/customer/device_model_file";
-
-// Guards the version texts of daemon_state (read_version, current_version).
-std::mutex g_version_mu;
-[[maybe_unused]] const int g_version_fork_guard = guard_across_fork<g_version_mu>();
-
 // Socket and address storage of the endpoint records: start-up owns these,
 // the records point at them.
 std::atomic<int> g_mcast_sock[4];
@@ -57,34 +45,9 @@ std::atomic<int> g_mcast_sock6[4];
 struct sockaddr_in6 g_mcast_bind6[4];
 struct sockaddr_in6 g_mcast_group6[4];
 
-// Copies at most size-1 bytes of [src, src+len) into dst, NUL-terminated.
-void copy_field(char* dst, size_t size, const char* src, size_t len) {
-  if (len > size - 1) len = size - 1;
-  memcpy(dst, src, len);
-  dst[len] = '\0';
-}
-
-// Appends [src, src+len) to the NUL-terminated dst of `size` bytes, truncating.
-void append_field(char* dst, size_t size, const char* src, size_t len) {
-  size_t used = strnlen(dst, size);
-  if (used >= size - 1) return;
-  if (len > size - 1 - used) len = size - 1 - used;
-  memcpy(dst + used, src, len);
-  dst[used + len] = '\0';
-}
-
-void read_first_line(const char* path, char* out, size_t size) {
-  memset(out, 0, size);
-  FILE* fp = fopen(cam_path(path).c_str(), "r");
-  if (fp == nullptr) return;
-  if (fgets(out, static_cast<int>(size), fp) == nullptr) out[0] = '\0';
-  fclose(fp);
-  out[strcspn(out, "\r\n")] = '\0';
-}
-
-void start_thread(void* (*fn)(void*), void* arg) {
-  pthread_t tid;
-  if (pthread_create(&tid, nullptr, fn, arg) != 0) {
+// A service thread; start-up cannot go on without it.
+void start_service(const char* name, thread_fn fn, void* arg) {
+  if (start_thread(name, fn, arg) != 0) {
     DBG_ERR("create thread failed\n");
     sys().exit_process(1);
   }
@@ -176,7 +139,7 @@ void read_del_config() {
     const char* end = start;
     const char* stop = line + len;
     while (end < stop && *end != '"' && *end != '\n') ++end;
-    copy_field(st.del_list[st.del_num], kListNameLen, start, end - start);
+    copy_text(st.del_list[st.del_num], kListNameLen, start, end - start);
     st.del_num++;
   }
   free(line);
@@ -232,7 +195,7 @@ void rebuild_mtd_summary() {
     const mtd_entry& m = st.mtd[i];
     char line[200];
     int n = snprintf(line, sizeof(line), "%s %s %s %s\n", m.dev, m.size, m.erasesize, m.name);
-    if (n > 0) append_field(st.mtd_summary, sizeof(st.mtd_summary), line, strnlen(line, sizeof(line)));
+    if (n > 0) append_text(st.mtd_summary, sizeof(st.mtd_summary), line, strnlen(line, sizeof(line)));
   }
 }
 
@@ -252,7 +215,7 @@ void read_mtd_info() {
     while (pos < len && buf[pos] == ' ') ++pos;
     int start = pos;
     while (pos < len && buf[pos] != ' ' && buf[pos] != '\n' && buf[pos] != '\0') ++pos;
-    append_field(field, size, buf + start, pos - start);
+    append_text(field, size, buf + start, pos - start);
   };
   while (pos < len && st.mtd_num < kMaxMtd) {
     mtd_entry& m = st.mtd[st.mtd_num];
@@ -268,27 +231,6 @@ void read_mtd_info() {
   rebuild_mtd_summary();
 }
 
-version_texts read_version() {
-  // The files are read outside the lock: a slow read holds up no reader.
-  version_texts fresh;
-  read_first_line(kVersionPath, fresh.version, sizeof(fresh.version));
-  read_first_line(kModelPath, fresh.model, sizeof(fresh.model));
-  std::lock_guard<std::mutex> lock(g_version_mu);
-  memcpy(daemon_state.soc_version, fresh.version, sizeof(fresh.version));
-  memcpy(daemon_state.device_model, fresh.model, sizeof(fresh.model));
-  return fresh;
-}
-
-version_texts current_version() {
-  version_texts now;
-  std::lock_guard<std::mutex> lock(g_version_mu);
-  memcpy(now.version, daemon_state.soc_version, sizeof(now.version));
-  memcpy(now.model, daemon_state.device_model, sizeof(now.model));
-  now.version[sizeof(now.version) - 1] = '\0';
-  now.model[sizeof(now.model) - 1] = '\0';
-  return now;
-}
-
 void fill_endpoint_records() {
   static const wire::group_port kGroups[3] = {wire::kSearchEndpoint, wire::kBatchEndpoint,
                                                wire::kStatusEndpoint};
@@ -302,23 +244,14 @@ void fill_endpoint_records() {
     ep.group_addr6 = &g_mcast_group6[i];
     if (i < 3) {
       memset(ep.group, 0, sizeof(ep.group));
-      append_field(ep.group, sizeof(ep.group), kGroups[i].group, strlen(kGroups[i].group));
+      append_text(ep.group, sizeof(ep.group), kGroups[i].group);
       ep.port = kGroups[i].port;
     }
   }
 }
 
-void fill_protocol_keywords() {
-  // Index = command code; entry 12 stays empty.
-  for (int i = 0; i < kKeywordCount; ++i) {
-    const char* word = wire::kKeywords[i];
-    memset(daemon_state.protocol_keywords[i], 0, kKeywordLen);
-    append_field(daemon_state.protocol_keywords[i], kKeywordLen, word, strlen(word));
-  }
-}
-
 int init_tcpsocket(int* listen_socket, struct sockaddr_in* addr) {
-  int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  int fd = net().socket(AF_INET, SOCK_STREAM, 0);
   if (fd < 0) {
     DBG_ERR("socket failed\n");
     sys().exit_process(1);
@@ -328,13 +261,13 @@ int init_tcpsocket(int* listen_socket, struct sockaddr_in* addr) {
   addr->sin_addr.s_addr = htonl(INADDR_ANY);
   addr->sin_port = htons(5555);
   int on = 1;
-  setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
-  if (bind(fd, reinterpret_cast<struct sockaddr*>(addr), sizeof(*addr)) < 0) {
+  net().setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
+  if (net().bind(fd, reinterpret_cast<struct sockaddr*>(addr), sizeof(*addr)) < 0) {
     DBG_ERR("bind failed\n");
-    close(fd);
+    net().close(fd);
     sys().exit_process(1);
   }
-  listen(fd, 5);
+  net().listen(fd, 5);
   register_listener_socket(fd);
   *listen_socket = fd;
   DBG_INFO("init socket succeed\n");
@@ -344,7 +277,7 @@ int init_tcpsocket(int* listen_socket, struct sockaddr_in* addr) {
 int waiting(int listen_socket, struct sockaddr_in* peer) {
   DBG_INFO("waiting connect...\n");
   socklen_t len = 0;  // the peer address is not filled in
-  int fd = accept4(listen_socket, reinterpret_cast<struct sockaddr*>(peer), &len, SOCK_CLOEXEC);
+  int fd = net().accept(listen_socket, reinterpret_cast<struct sockaddr*>(peer), &len);
   if (fd < 0) {
     DBG_ERR("accept failed\n");
     sys().sync();
@@ -353,13 +286,13 @@ int waiting(int listen_socket, struct sockaddr_in* peer) {
   return fd;
 }
 
-int upgrade_main(int argc, char** argv) {
+int upgrade_main(int argc, char** argv, int (*flash_setup)()) {
   if (parse_command_line(argc, argv) == 1) {
     printf("upgrade version: v%s\n", kUpgradeVersion);
     fflush(stdout);
     return 0;
   }
-  install_flash_backend_from_env();
+  if (flash_setup != nullptr) flash_setup();
   daemon_state_t& st = daemon_state;
   read_pid_config();
   read_del_config();
@@ -379,19 +312,20 @@ int upgrade_main(int argc, char** argv) {
   fill_endpoint_records();
   fill_protocol_keywords();
 
-  start_thread(mcast_func, &st.endpoints[0]);
-  start_thread(mcast_batUpgrade_func, &st.endpoints[1]);
-  start_thread(check_dhcp_status_main, nullptr);
+  start_service("mcast_func", mcast_func, &st.endpoints[0]);
+  start_service("mcast_batUpgrade_func", mcast_batUpgrade_func, &st.endpoints[1]);
+  start_service("check_dhcp_status_main", check_dhcp_status_main, nullptr);
   int listen_socket = -1;
   struct sockaddr_in listen_addr;
   init_tcpsocket(&listen_socket, &listen_addr);
-  start_thread(mtd_upgrade_func, nullptr);
-  start_thread(udisk_upgrade_func, nullptr);
+  start_service("mtd_upgrade_func", mtd_upgrade_func, nullptr);
+  start_service("udisk_upgrade_func", udisk_upgrade_func, nullptr);
   // Services the site switches on in /customer/upgrade.conf.
-  if (st.site.broadcast == 1) start_thread(broadcast_func, nullptr);
+  if (st.site.broadcast == 1) start_service("broadcast_func", broadcast_func, nullptr);
   if (st.site.partner == 1) init_search_mira_server();
   // The post-upgrade report, on its own endpoint apart from the listeners.
-  if (st.site.status_report == 1) start_thread(mcast_upgradeStatus_func, &st.endpoints[2]);
+  if (st.site.status_report == 1)
+    start_service("mcast_upgradeStatus_func", mcast_upgradeStatus_func, &st.endpoints[2]);
 
   // The installers run these copies: the originals may be replaced.
   sys().shell("cp /bin/fw_setenv /dev/fw_setenv");

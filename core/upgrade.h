@@ -1,91 +1,13 @@
-// Start-up, the site configuration files and the daemon's global state.
+// Start-up: the command line, the site configuration files, the service
+// threads and the accept loop. The one place that calls upward into every
+// module (the record it fills is core/daemon_state.h).
 #pragma once
 
-#include <atomic>
-#include <cstdint>
+#include <netinet/in.h>
 
-#include "core/site_conf.h"
-#include "discovery/mcast.h"
-#include "wire/text.h"
+#include "core/daemon_state.h"
 
 inline constexpr const char* kUpgradeVersion = "3.1.34";
-
-inline constexpr int kMaxListEntries = 16;
-inline constexpr int kListNameLen = 256;
-inline constexpr int kMaxMtd = 20;
-inline constexpr int kMtdSummaryLen = 1024;
-inline constexpr int kMaxEnv = 2;
-inline constexpr int kKeywordCount = wire::kKeywordCount;
-inline constexpr int kKeywordLen = 256;  // one slot of protocol_keywords
-
-// Command codes: index into protocol_keywords.
-using wire::keyword_code;
-using enum wire::keyword_code;
-
-enum work_modes { WORK_NORMAL = 0, WORK_DEBUG = 1, WORK_DEBUG_ARM = 2, WORK_DEBUG_SEARCH = 3 };
-
-// One line of /proc/mtd: "mtd0: 00080000 00010000 \"boot\"".
-struct mtd_entry {
-  char dev[10];        // "mtd0:" (colon kept)
-  char size[10];       // hexadecimal text
-  char erasesize[10];  // hexadecimal text
-  char name[128];      // label with its quotes
-};
-
-// One line of /etc/fw_env.config.
-struct env_entry {
-  char devname[16];
-  uint32_t offset;
-  uint32_t size;
-  uint32_t sector_size;
-  uint32_t sectors;
-  uint8_t mtd_num;
-};
-
-struct daemon_state_t {
-  // Set while an installation or a controller operation runs; read by the
-  // accept loop and the listeners.
-  std::atomic<int> upgrade_busy{0};
-
-  int pid_num = 0;
-  char pid_list[kMaxListEntries][kListNameLen] = {};
-  int del_num = 0;
-  char del_list[kMaxListEntries][kListNameLen] = {};
-
-  int mtd_num = 0;
-  mtd_entry mtd[kMaxMtd] = {};
-  char mtd_summary[kMtdSummaryLen] = {};
-
-  std::atomic<int> work_mode{WORK_NORMAL};
-  int identity_read = 0;
-
-  int env_num = 0;
-  env_entry env[kMaxEnv] = {};
-  uint32_t flash_unerase_offset = 0;
-
-  char protocol_keywords[kKeywordCount][kKeywordLen] = {};
-
-  // search (8005), batch (8006), status (8004), and a spare record.
-  mcast_endpoint endpoints[4];
-
-  // Default 1, cleared when the list cannot be opened / by "ARM_NO_EXIST".
-  int is_kill_pid = 1;
-  int is_del_file = 1;
-  int arm_exist = 1;
-
-  // Service switches of /customer/upgrade.conf (read at start-up).
-  site_conf_t site;
-
-  // Firmware version and device model texts (read_version). Other threads
-  // refresh them: read them through current_version().
-  char soc_version[32] = {};
-  char device_model[32] = {};
-};
-
-extern daemon_state_t daemon_state;
-
-// Resets daemon_state to its start values (tests use it between cases).
-void reset_daemon_state();
 
 // Command-line word -> work_mode / arm_exist; returns 1 when "VERSION" was
 // given (the caller prints the version and exits 0).
@@ -97,24 +19,12 @@ int get_config(const char* path);
 void read_mtd_info();
 void rebuild_mtd_summary();
 
-// The firmware version and device model texts, as one consistent copy.
-struct version_texts {
-  char version[32];
-  char model[32];
-};
-
-// Reads the version text and device model (files in the camera table of the
-// README) and returns them. Threads that read the texts meanwhile see either
-// the former or the new pair, never a half-written one.
-version_texts read_version();
-// The texts as last read.
-version_texts current_version();
-
 void fill_endpoint_records();
-void fill_protocol_keywords();
 
 int init_tcpsocket(int* listen_socket, struct sockaddr_in* addr);
 int waiting(int listen_socket, struct sockaddr_in* peer);
 
 // The whole daemon; returns only for "VERSION" (0) or fatal failures.
-int upgrade_main(int argc, char** argv);
+// `flash_setup`, when given, runs once the command line is read (a host
+// build installs the file-backed flash of sim/flash with it).
+int upgrade_main(int argc, char** argv, int (*flash_setup)() = nullptr);

@@ -7,11 +7,12 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cstring>
 #include <string>
 
+#include "core/daemon_state.h"
 #include "core/dbgout.h"
+#include "core/network.h"
 #include "discovery/command_auth.h"
 #include "discovery/identity.h"
 #include "discovery/mcast.h"
@@ -21,15 +22,13 @@ namespace wb = wire::broadcast;
 
 namespace {
 
-std::atomic<int> g_production_mode{0};
-
 #define BR_INFO(fmt, ...) DBG_INFO_AS("broadcast_receive", fmt __VA_OPT__(, ) __VA_ARGS__)
 #define BR_ERR(fmt, ...) DBG_ERR_AS("broadcast_receive", fmt __VA_OPT__(, ) __VA_ARGS__)
 
 int reply(broadcast_ctx* ctx, const std::string& text) {
-  return static_cast<int>(sendto(ctx->sock, text.data(), text.size(), 0,
-                                 reinterpret_cast<const struct sockaddr*>(&ctx->peer),
-                                 sizeof(ctx->peer)));
+  return static_cast<int>(net().sendto(ctx->sock, text.data(), text.size(), 0,
+                                       reinterpret_cast<const struct sockaddr*>(&ctx->peer),
+                                       sizeof(ctx->peer)));
 }
 
 bool addressed(const char* msg) {
@@ -74,15 +73,15 @@ int production(const char* msg) {
   BR_INFO("receive production mode command\n");
   if (!addressed(msg)) return 0;
   if (refuse_unsigned_change("broadcast production mode")) return 0;
-  bool on = g_production_mode.load() == 1;
+  bool on = daemon_state.production_mode.load() == 1;
   if (has(msg, wb::kActionTestEnable)) {
     if (has(msg, wb::kEnableOn)) {
       BR_INFO("test enable = on\n");
-      g_production_mode.store(1);
+      daemon_state.production_mode.store(1);
     } else if (has(msg, wb::kEnableOff) && on) {
       // Switching off leaves the switch on: it is never cleared.
       BR_INFO("test enable = off\n");
-      g_production_mode.store(1);
+      daemon_state.production_mode.store(1);
     } else if (!on) {
       production_off();
     }
@@ -122,11 +121,10 @@ int production(const char* msg) {
 
 }  // namespace
 
-int production_mode_enable() { return g_production_mode.load(); }
-void reset_production_mode() { g_production_mode.store(0); }
+int production_mode_enable() { return daemon_state.production_mode.load(); }
 
 int broadcast_open(int port, struct sockaddr_in* local) {
-  int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  int fd = net().socket(AF_INET, SOCK_DGRAM, 0);
   if (fd < 0) {
     DBG_ERR_AS("broadcast_func", "socket() error\n");
     return -1;
@@ -135,14 +133,13 @@ int broadcast_open(int port, struct sockaddr_in* local) {
   local->sin_family = AF_INET;
   local->sin_addr.s_addr = htonl(INADDR_ANY);
   local->sin_port = htons(static_cast<uint16_t>(port));
-  if (bind(fd, reinterpret_cast<struct sockaddr*>(local), sizeof(*local)) < 0)
+  if (net().bind(fd, reinterpret_cast<struct sockaddr*>(local), sizeof(*local)) < 0)
     DBG_ERR_AS("broadcast_func", "bind() error\n");
   DBG_INFO_AS("broadcast_func", "init broadcast finish\n");
   return fd;
 }
 
 void* broadcast_func(void*) {
-  discovery_thread_setup("broadcast_func");
   broadcast_ctx ctx;
   ctx.sock = broadcast_open(wb::kPort, &ctx.local);
   for (;;) broadcast_serve_once(&ctx);
@@ -152,8 +149,8 @@ int broadcast_serve_once(broadcast_ctx* ctx) {
   char buf[wb::kDatagramMax + 1] = {};
   memset(&ctx->peer, 0, sizeof(ctx->peer));
   socklen_t len = sizeof(ctx->peer);
-  ssize_t n = recvfrom(ctx->sock, buf, wb::kDatagramMax, 0,
-                       reinterpret_cast<struct sockaddr*>(&ctx->peer), &len);
+  ssize_t n = net().recvfrom(ctx->sock, buf, wb::kDatagramMax, 0,
+                             reinterpret_cast<struct sockaddr*>(&ctx->peer), &len);
   if (n < 0) {
     DBG_ERR_AS("broadcast_func", "recvfrom() error\n");
     return -1;

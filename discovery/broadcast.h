@@ -23,8 +23,7 @@ int broadcast_serve_once(broadcast_ctx* ctx);
 // Handles one NUL-terminated datagram: the sendto result of its reply, or 0.
 int broadcast_receive(broadcast_ctx* ctx, const char* message);
 
-// The production-mode switch: set by "action=test enable" with "enable=on",
-// never cleared by a command (only a restart clears it).
+// The production-mode switch (daemon_state.production_mode): set by
+// "action=test enable" with "enable=on", never cleared by a command (only a
+// restart clears it).
 int production_mode_enable();
-// Start value again, for tests.
-void reset_production_mode();

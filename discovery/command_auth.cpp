@@ -21,7 +21,7 @@
 namespace {
 
 std::mutex g_mu;
-[[maybe_unused]] const int g_mu_fork_guard = guard_across_fork<g_mu>();
+[[maybe_unused]] const int g_mu_fork_guard = guard_across_fork<g_mu>(kForkRankSession);
 std::string g_challenge;  // under g_mu; made on first use
 
 std::string challenge_locked() {

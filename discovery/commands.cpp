@@ -13,14 +13,17 @@
 #include <string>
 #include <string_view>
 
+#include "core/daemon_state.h"
 #include "core/dbgout.h"
 #include "core/helpers.h"
+#include "core/local_control.h"
 #include "core/platform.h"
-#include "core/upgrade.h"
+#include "core/text.h"
 #include "discovery/command_auth.h"
 #include "discovery/identity.h"
 #include "discovery/mcast_upgrade.h"
 #include "discovery/oem_serial.h"
+#include "install/udisk_upgrade.h"
 #include "mcu/stm32flashloader.h"
 #include "video_out/sdi_probe.h"
 #include "video_out/sii9022.h"

@@ -6,14 +6,13 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <condition_variable>
 #include <cstring>
-#include <mutex>
 #include <string>
 
+#include "core/daemon_state.h"
 #include "core/dbgout.h"
+#include "core/network.h"
 #include "core/platform.h"
-#include "core/upgrade.h"
 #include "discovery/commands.h"
 #include "discovery/identity.h"
 
@@ -30,32 +29,7 @@ constexpr const char* kReporterName = "mcast_upgradeStatus_func";
 
 bool camera_file_exists(const char* path) { return access(cam_path(path).c_str(), F_OK) == 0; }
 
-// Whether eth0 has its IPv4 address: a static one from the start, a DHCP
-// one once the watcher has seen it. Nothing sent to a group before then
-// reaches anybody.
-std::mutex g_address_mu;
-std::condition_variable g_address_cv;
-bool g_address_ready = false;
-
 }  // namespace
-
-void mark_ipv4_address_ready() {
-  {
-    std::lock_guard<std::mutex> lock(g_address_mu);
-    g_address_ready = true;
-  }
-  g_address_cv.notify_all();
-}
-
-void wait_for_ipv4_address() {
-  std::unique_lock<std::mutex> lock(g_address_mu);
-  g_address_cv.wait(lock, [] { return g_address_ready; });
-}
-
-void reset_ipv4_address_ready() {
-  std::lock_guard<std::mutex> lock(g_address_mu);
-  g_address_ready = false;
-}
 
 void check_dhcp_status() {
   const char* cmd = "cat /data/net.conf | grep dhcp";
@@ -99,7 +73,6 @@ void check_dhcp_status() {
 }
 
 void* check_dhcp_status_main(void*) {
-  discovery_thread_setup("check_dhcp_status_main");
   check_dhcp_status();
   return nullptr;
 }
@@ -120,11 +93,12 @@ int mcast_receive_status(mcast_endpoint*, const char* buf, size_t len) {
 int mcast_status_listen_once(mcast_endpoint* ep) {
   int fd = ep->sock->load();
   struct pollfd pfd = {fd, POLLIN, 0};
-  int ready = poll(&pfd, 1, 50);
+  int ready = net().poll(&pfd, 1, 50);
   if (ready == 0) return 0;
   char buf[kSearchDatagram];
   ssize_t n = -1;
-  if (ready > 0 && (pfd.revents & POLLIN) != 0) n = recv(fd, buf, sizeof(buf), MSG_DONTWAIT);
+  if (ready > 0 && (pfd.revents & POLLIN) != 0)
+    n = net().recvfrom(fd, buf, sizeof(buf), MSG_DONTWAIT, nullptr, nullptr);
   if (n < 0) {
     sys().sleep_us(50000);
     return 0;
@@ -171,7 +145,6 @@ void mcast_upgrade_status_report(mcast_endpoint* ep) {
 }
 
 void* mcast_upgradeStatus_func(void* arg) {
-  discovery_thread_setup("mcast_upgradeStatus_func");
   mcast_upgrade_status_report(static_cast<mcast_endpoint*>(arg));
   return nullptr;
 }

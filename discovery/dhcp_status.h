@@ -9,14 +9,8 @@ void* check_dhcp_status_main(void* arg);
 // The watcher's work (the thread function minus naming and detaching).
 void check_dhcp_status();
 
-// eth0 has its IPv4 address (static from the start, or DHCP's once the
-// watcher saw it); the report waits for it. Reset: not yet (tests).
-void mark_ipv4_address_ready();
-void wait_for_ipv4_address();
-void reset_ipv4_address_ready();
-
 // Post-upgrade report thread (argument: an endpoint record); it reports once
-// eth0 has its IPv4 address.
+// eth0 has its IPv4 address (wait_for_ipv4_address, core/daemon_state.h).
 void* mcast_upgradeStatus_func(void* arg);
 // The reporter's work; returns when confirmed or not wanted.
 void mcast_upgrade_status_report(mcast_endpoint* ep);

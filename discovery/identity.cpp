@@ -1,5 +1,4 @@
-// Device identity, the shared identity records and the small facts that
-// replies carry.
+// Device identity and the small facts that replies carry.
 #include "discovery/identity.h"
 
 #include <arpa/inet.h>
@@ -10,32 +9,18 @@
 #include <unistd.h>
 #include <uuid/uuid.h>
 
-#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <mutex>
 #include <string>
 
-#include "core/fork_guard.h"
 #include "core/dbgout.h"
 #include "core/platform.h"
-#include "core/upgrade.h"
+#include "core/text.h"
 
 namespace {
 
 constexpr const char* kUuidPath = "/data/uuid_file";
-
-std::mutex g_records_mu;
-// An installer's forked child builds acknowledgements from these records: it
-// must not inherit the lock from a thread that does not exist there.
-[[maybe_unused]] const int g_records_fork_guard = guard_across_fork<g_records_mu>();
-char g_device_id[kIdLen + 1];
-char g_client_id[kIdLen + 1];
-char g_upgrade_client_id[kIdLen + 1];
-net_info_t g_net_info;
-std::atomic<int> g_mcast_upgrading{0};
-std::atomic<int> g_local_control_port{kLocalControlPort};
 
 // The kIdLen characters behind `key` in msg, bounded by the end of msg.
 // Returns nullptr when the key is absent.
@@ -59,8 +44,9 @@ int take_client_id(const char* msg, const char* func) {
 }
 
 int device_id_matches(const char* id) {
-  std::lock_guard<std::mutex> lock(g_records_mu);
-  return strcmp(id, g_device_id) == 0;
+  char dev[kIdLen + 1];
+  get_device_id(dev);
+  return strcmp(id, dev) == 0;
 }
 
 // The counter of read_boot_times or read_curve_times (`func`).
@@ -81,67 +67,6 @@ int read_counter(const char* path, const char* func) {
 }
 
 }  // namespace
-
-// ---- bounded text helpers ---------------------------------------------------
-
-void copy_text(char* dst, size_t size, const char* src, size_t len) {
-  if (size == 0) return;
-  size_t n = strnlen(src, len);
-  if (n > size - 1) n = size - 1;
-  memcpy(dst, src, n);
-  dst[n] = '\0';
-}
-
-void append_text(char* dst, size_t size, const char* src) {
-  size_t used = strnlen(dst, size);
-  if (used + 1 >= size) return;
-  copy_text(dst + used, size - used, src, strlen(src));
-}
-
-// ---- shared records -----------------------------------------------------------
-
-void get_device_id(char* out) {
-  std::lock_guard<std::mutex> lock(g_records_mu);
-  memcpy(out, g_device_id, sizeof(g_device_id));
-}
-
-void set_device_id(const char* id) {
-  std::lock_guard<std::mutex> lock(g_records_mu);
-  copy_text(g_device_id, sizeof(g_device_id), id, kIdLen);
-}
-
-void get_client_id(char* out) {
-  std::lock_guard<std::mutex> lock(g_records_mu);
-  memcpy(out, g_client_id, sizeof(g_client_id));
-}
-
-void set_client_id(const char* id) {
-  std::lock_guard<std::mutex> lock(g_records_mu);
-  copy_text(g_client_id, sizeof(g_client_id), id, kIdLen);
-}
-
-void get_upgrade_client_id(char* out) {
-  std::lock_guard<std::mutex> lock(g_records_mu);
-  memcpy(out, g_upgrade_client_id, sizeof(g_upgrade_client_id));
-}
-
-void set_upgrade_client_id(const char* id) {
-  std::lock_guard<std::mutex> lock(g_records_mu);
-  copy_text(g_upgrade_client_id, sizeof(g_upgrade_client_id), id, kIdLen);
-}
-
-int mcast_upgrade_in_progress() { return g_mcast_upgrading.load(); }
-void set_mcast_upgrade_in_progress(int on) { g_mcast_upgrading.store(on); }
-
-void copy_net_info(net_info_t* out) {
-  std::lock_guard<std::mutex> lock(g_records_mu);
-  *out = g_net_info;
-}
-
-void set_net_info(const net_info_t& in) {
-  std::lock_guard<std::mutex> lock(g_records_mu);
-  g_net_info = in;
-}
 
 // ---- identity -------------------------------------------------------------------
 
@@ -248,39 +173,6 @@ long get_sys_uptime() {
 
 int read_boot_times() { return read_counter("/data/boot_times.dat", __func__); }
 int read_curve_times() { return read_counter("/data/curve_times.dat", __func__); }
-
-int check_usb_disk_mount() {
-  char buf[129] = {};
-  int n = sys().shell_read("mount | grep /mnt/usb", buf, 128);
-  if (n < 0) {
-    DBG_ERR("popen failed\n");
-    return -1;
-  }
-  if (n == 0) {
-    DBG_ERR("check usb disk failed\n");
-    return -1;
-  }
-  DBG_INFO("check usb disk success\n");
-  return 0;
-}
-
-void set_local_control_port(int port) { g_local_control_port.store(port); }
-
-void send_local_control(const void* buf, size_t len) {
-  int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  if (fd < 0) {
-    DBG_ERR("socket failed\n");
-    return;
-  }
-  struct sockaddr_in to;
-  memset(&to, 0, sizeof(to));
-  to.sin_family = AF_INET;
-  to.sin_port = htons(static_cast<uint16_t>(g_local_control_port.load()));
-  to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  if (sendto(fd, buf, len, 0, reinterpret_cast<struct sockaddr*>(&to), sizeof(to)) < 0)
-    DBG_ERR("sendto failed\n");
-  close(fd);
-}
 
 int sockaddr_to_string(const struct sockaddr* addr, char* out, size_t size) {
   if (addr == nullptr || out == nullptr || size == 0) return -1;

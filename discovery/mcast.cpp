@@ -7,7 +7,6 @@
 #include <netinet/ip.h>
 #include <poll.h>
 #include <pthread.h>
-#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -17,10 +16,11 @@
 #include <mutex>
 #include <vector>
 
-#include "core/fork_guard.h"
+#include "core/daemon_state.h"
 #include "core/dbgout.h"
+#include "core/fork_guard.h"
+#include "core/network.h"
 #include "core/platform.h"
-#include "core/upgrade.h"
 #include "discovery/commands.h"
 #include "discovery/identity.h"
 
@@ -34,14 +34,10 @@ constexpr int kRecvBufferBytes = 2 << 20;
 constexpr uint64_t kSwitchOffUs = 100000;
 constexpr uint64_t kIdleUs = 50000;
 
-std::atomic<int> g_search_switch{1};
-std::atomic<int> g_batch_switch{1};
-std::atomic<int> g_net_info_failures{0};
-std::atomic<mcast_open_fn> g_open_hook{nullptr};
 // Guards the address records while an endpoint is (re-)opened or used.
 std::mutex g_addr_mu;
-// An installer's forked child sends acknowledgements (see identity.cpp).
-[[maybe_unused]] const int g_addr_fork_guard = guard_across_fork<g_addr_mu>();
+// An installer's forked child sends acknowledgements (see core/daemon_state.cpp).
+[[maybe_unused]] const int g_addr_fork_guard = guard_across_fork<g_addr_mu>(kForkRankModule);
 
 // The endpoints' sockets: opened, dropped and re-opened under the write
 // lock; the listeners receive and the handlers send under the read lock.
@@ -61,8 +57,8 @@ void init_open_lock() {
 // The child starts with a fresh lock: an rwlock knows its writer by thread
 // ID, and the child's thread has another one than the thread that locked.
 [[maybe_unused]] const int g_open_fork_guard = (init_open_lock(),
-    pthread_atfork([] { pthread_rwlock_wrlock(&g_open_mu); },
-                   [] { pthread_rwlock_unlock(&g_open_mu); }, init_open_lock));
+    register_fork_guard(kForkRankSockets, [] { pthread_rwlock_wrlock(&g_open_mu); },
+                        [] { pthread_rwlock_unlock(&g_open_mu); }, init_open_lock));
 
 struct socket_write_lock {
   socket_write_lock() { pthread_rwlock_wrlock(&g_open_mu); }
@@ -74,18 +70,16 @@ struct socket_read_lock {
 };
 
 int open_locked(mcast_endpoint* ep) {
-  mcast_open_fn hook = g_open_hook.load();
-  if (hook != nullptr) return hook(ep);
   return init_mcast(ep->sock, ep->bind_addr, ep->group_addr, ep->port, ep->group);
 }
 
 int set_int_opt(int fd, int level, int opt, int value) {
-  return setsockopt(fd, level, opt, &value, sizeof(value));
+  return net().setsockopt(fd, level, opt, &value, sizeof(value));
 }
 
 void close_endpoint_socket(std::atomic<int>* sock) {
   int fd = sock->exchange(-1);
-  if (fd >= 0) close(fd);
+  if (fd >= 0) net().close(fd);
 }
 
 // Sends `text` to the group address of an endpoint (copied under the lock,
@@ -99,16 +93,13 @@ bool send_to_group(const std::atomic<int>* sock, const Addr* group, const char* 
   }
   socket_read_lock use;
   int fd = sock->load();
-  return sendto(fd, text, strlen(text), 0, reinterpret_cast<struct sockaddr*>(&to), sizeof(to)) >=
-         0;
+  return net().sendto(fd, text, strlen(text), 0, reinterpret_cast<struct sockaddr*>(&to),
+                      sizeof(to)) >= 0;
 }
 
 }  // namespace
 
-std::atomic<int>& mcast_search_switch() { return g_search_switch; }
-std::atomic<int>& mcast_batch_switch() { return g_batch_switch; }
-int mcast_net_info_failures() { return g_net_info_failures.load(); }
-void set_mcast_open_hook(mcast_open_fn fn) { g_open_hook.store(fn); }
+int mcast_net_info_failures() { return daemon_state.net_info_failures.load(); }
 
 int mcast_open_endpoint(mcast_endpoint* ep) {
   socket_write_lock lock;
@@ -126,8 +117,8 @@ namespace {
 void drop_locked(mcast_endpoint* ep) {
   int fd = ep->sock->exchange(-1);
   if (fd > 0) {
-    shutdown(fd, SHUT_RDWR);
-    close(fd);
+    net().shutdown(fd, SHUT_RDWR);
+    net().close(fd);
   }
 }
 }  // namespace
@@ -143,19 +134,14 @@ void mcast_drop_endpoint(mcast_endpoint* ep) {
   drop_locked(ep);
 }
 
-void discovery_thread_setup(const char* name) {
-  pthread_detach(pthread_self());
-  prctl(PR_SET_NAME, name, 0, 0, 0);
-}
-
 int set_nonblocking(int fd, int block) {
-  int flags = fcntl(fd, F_GETFL, 0);
+  int flags = net().fcntl(fd, F_GETFL, 0);
   if (flags < 0) {
     DBG_ERR("fcntl F_GETFL fail\n");
     return -1;
   }
   flags = block == 0 ? (flags | O_NONBLOCK) : (flags & ~O_NONBLOCK);
-  if (fcntl(fd, F_SETFL, flags) < 0) {
+  if (net().fcntl(fd, F_SETFL, flags) < 0) {
     DBG_ERR("fcntl F_SETFL fail\n");
     return -1;
   }
@@ -164,7 +150,7 @@ int set_nonblocking(int fd, int block) {
 
 int init_mcast(std::atomic<int>* sock, struct sockaddr_in* bind_addr,
                struct sockaddr_in* group_addr, int port, const char* group) {
-  int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  int fd = net().socket(AF_INET, SOCK_DGRAM, 0);
   if (fd < 0) {
     DBG_ERR("socket failed\n");
     return -1;
@@ -194,40 +180,59 @@ int init_mcast(std::atomic<int>* sock, struct sockaddr_in* bind_addr,
     std::lock_guard<std::mutex> lock(g_addr_mu);
     local = *bind_addr;
   }
-  if (bind(fd, reinterpret_cast<struct sockaddr*>(&local), sizeof(local)) < 0) {
+  if (net().bind(fd, reinterpret_cast<struct sockaddr*>(&local), sizeof(local)) < 0) {
     DBG_ERR("bind failed\n");
     perror("bind");
     return -1;
   }
-  if (set_int_opt(fd, IPPROTO_IP, IP_MULTICAST_LOOP, 0) < 0) {
-    DBG_ERR("Set IP_MULTICAST_LOOP failed\n");
-    close_endpoint_socket(sock);
-    return -1;
-  }
-  if (set_int_opt(fd, IPPROTO_IP, IP_MULTICAST_TTL, 10) < 0) {
-    DBG_ERR("Set IP_MULTICAST_TTL failed\n");
+  const int options = set_mcast_loop_ttl(fd);
+  if (options != 0) {
+    DBG_ERR(options == kMcastLoopFailed ? "Set IP_MULTICAST_LOOP failed\n"
+                                        : "Set IP_MULTICAST_TTL failed\n");
     close_endpoint_socket(sock);
     return -1;
   }
   char local_ip[32] = {};
   get_local_ip("eth0", local_ip, sizeof(local_ip));
   DBG_INFO("get_local_ip: %s\n", local_ip);
-  struct in_addr iface;
-  iface.s_addr = local_ip[0] != '\0' ? inet_addr(local_ip) : htonl(INADDR_ANY);
-  struct ip_mreq mreq;
-  memset(&mreq, 0, sizeof(mreq));
-  mreq.imr_multiaddr.s_addr = inet_addr(group);
-  mreq.imr_interface = iface;
-  if (setsockopt(fd, IPPROTO_IP, IP_ADD_MEMBERSHIP, &mreq, sizeof(mreq)) < 0) {
+  const int joined = join_mcast_group(fd, inet_addr(group), mcast_iface_of(local_ip), false);
+  if (joined & kMcastJoinFailed) {
     DBG_ERR("setsockopt failed\n");
     return -1;
   }
-  if (setsockopt(fd, IPPROTO_IP, IP_MULTICAST_IF, &iface, sizeof(iface)) < 0) {
+  if (joined & kMcastIfFailed) {
     DBG_ERR("Setting IP_MULTICAST_IF error\n");
     close_endpoint_socket(sock);
   }
   DBG_INFO("init search succeed\n");
   return 0;
+}
+
+int set_mcast_loop_ttl(int fd) {
+  if (set_int_opt(fd, IPPROTO_IP, IP_MULTICAST_LOOP, 0) < 0) return kMcastLoopFailed;
+  if (set_int_opt(fd, IPPROTO_IP, IP_MULTICAST_TTL, 10) < 0) return kMcastTtlFailed;
+  return 0;
+}
+
+int join_mcast_group(int fd, in_addr_t group, in_addr_t iface, bool join_optional) {
+  int failed = 0;
+  struct ip_mreq mreq;
+  memset(&mreq, 0, sizeof(mreq));
+  mreq.imr_multiaddr.s_addr = group;
+  mreq.imr_interface.s_addr = iface;
+  if (net().setsockopt(fd, IPPROTO_IP, IP_ADD_MEMBERSHIP, &mreq, sizeof(mreq)) < 0) {
+    failed |= kMcastJoinFailed;
+    if (!join_optional) return failed;
+  }
+  struct in_addr out;
+  out.s_addr = iface;
+  if (net().setsockopt(fd, IPPROTO_IP, IP_MULTICAST_IF, &out, sizeof(out)) < 0)
+    failed |= kMcastIfFailed;
+  return failed;
+}
+
+in_addr_t mcast_iface_of(const char* local_ip) {
+  return local_ip[0] != '\0' ? inet_addr(local_ip) : htonl(INADDR_ANY);
 }
 
 int leave_mcast_group(std::atomic<int>* sock, const char* group) {
@@ -238,7 +243,7 @@ int leave_mcast_group(std::atomic<int>* sock, const char* group) {
   memset(&mreq, 0, sizeof(mreq));
   mreq.imr_multiaddr.s_addr = inet_addr(group);
   mreq.imr_interface.s_addr = local_ip[0] != '\0' ? inet_addr(local_ip) : htonl(INADDR_ANY);
-  if (setsockopt(sock->load(), IPPROTO_IP, IP_DROP_MEMBERSHIP, &mreq, sizeof(mreq)) < 0) {
+  if (net().setsockopt(sock->load(), IPPROTO_IP, IP_DROP_MEMBERSHIP, &mreq, sizeof(mreq)) < 0) {
     DBG_ERR("setsockopt:IP_DROP_MEMBER error\n");
     close_endpoint_socket(sock);
     return -1;
@@ -259,7 +264,7 @@ int init_mcast_ipv6(std::atomic<int>* sock, struct sockaddr_in6* bind_addr,
   char tmp[64] = {};
   get_ipv6_global_addr("eth0", tmp, sizeof(tmp));
   DBG_INFO("tmp: %s\n", tmp);
-  int fd = socket(AF_INET6, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  int fd = net().socket(AF_INET6, SOCK_DGRAM, 0);
   if (fd < 0) {
     DBG_ERR("socket failed\n");
     return -1;
@@ -283,7 +288,7 @@ int init_mcast_ipv6(std::atomic<int>* sock, struct sockaddr_in6* bind_addr,
     local = *bind_addr;
     grp = group_addr->sin6_addr;
   }
-  if (bind(fd, reinterpret_cast<struct sockaddr*>(&local), sizeof(local)) < 0) {
+  if (net().bind(fd, reinterpret_cast<struct sockaddr*>(&local), sizeof(local)) < 0) {
     DBG_ERR("bind failed\n");
     return -1;
   }
@@ -299,17 +304,17 @@ int init_mcast_ipv6(std::atomic<int>* sock, struct sockaddr_in6* bind_addr,
     DBG_ERR("Set IPV6_MULTICAST_TTL failed\n");
     return -1;
   }
-  unsigned int ifindex = if_nametoindex("eth0");
+  unsigned int ifindex = net().interface_index("eth0");
   DBG_INFO("ifindex: %d\n", static_cast<int>(ifindex));
   struct ipv6_mreq mreq;
   memset(&mreq, 0, sizeof(mreq));
   mreq.ipv6mr_multiaddr = grp;
   mreq.ipv6mr_interface = ifindex;
-  if (setsockopt(fd, IPPROTO_IPV6, IPV6_ADD_MEMBERSHIP, &mreq, sizeof(mreq)) < 0) {
+  if (net().setsockopt(fd, IPPROTO_IPV6, IPV6_ADD_MEMBERSHIP, &mreq, sizeof(mreq)) < 0) {
     DBG_ERR("Setting IPV6_ADD_MEMBERSHIP error\n");
     return -1;
   }
-  if (setsockopt(fd, IPPROTO_IPV6, IPV6_MULTICAST_IF, &ifindex, sizeof(ifindex)) < 0) {
+  if (net().setsockopt(fd, IPPROTO_IPV6, IPV6_MULTICAST_IF, &ifindex, sizeof(ifindex)) < 0) {
     DBG_ERR("Setting IPV6_MULTICAST_IF error\n");
     return -1;
   }
@@ -327,7 +332,7 @@ void mcast_send_data_ipv6(mcast_endpoint* ep, const char* text) {
 int ip_udp_send(const char* src_addr, int src_port, const char* dst_addr, int dst_port,
                 const void* payload, size_t len) {
   if (len > 65507) return -1;
-  int fd = socket(AF_INET, SOCK_RAW | SOCK_CLOEXEC, IPPROTO_UDP);
+  int fd = net().socket(AF_INET, SOCK_RAW, IPPROTO_UDP);
   if (fd < 0) {
     DBG_ERR("socket failed\n");
     return -1;
@@ -338,27 +343,22 @@ int ip_udp_send(const char* src_addr, int src_port, const char* dst_addr, int ds
   local.sin_family = AF_INET;
   local.sin_addr.s_addr = htonl(INADDR_ANY);
   local.sin_port = htons(static_cast<uint16_t>(dst_port));
-  if (bind(fd, reinterpret_cast<struct sockaddr*>(&local), sizeof(local)) < 0) {
+  if (net().bind(fd, reinterpret_cast<struct sockaddr*>(&local), sizeof(local)) < 0) {
     DBG_ERR("bind failed\n");
-    close(fd);
+    net().close(fd);
     sys().exit_process(1);
   }
   if (set_int_opt(fd, SOL_SOCKET, SO_REUSEADDR, 1) < 0) {
     DBG_ERR("Reusing ADDR failed\n");
-    close(fd);
+    net().close(fd);
     sys().exit_process(1);
   }
   in_addr_t src = inet_addr(src_addr);
   in_addr_t dst = inet_addr(dst_addr);
+  // Both option steps are tried whatever they return.
   set_int_opt(fd, IPPROTO_IP, IP_MULTICAST_LOOP, 0);
   set_int_opt(fd, IPPROTO_IP, IP_MULTICAST_TTL, 10);
-  struct ip_mreq mreq;
-  mreq.imr_multiaddr.s_addr = dst;
-  mreq.imr_interface.s_addr = src;
-  setsockopt(fd, IPPROTO_IP, IP_ADD_MEMBERSHIP, &mreq, sizeof(mreq));
-  struct in_addr iface;
-  iface.s_addr = src;
-  setsockopt(fd, IPPROTO_IP, IP_MULTICAST_IF, &iface, sizeof(iface));
+  join_mcast_group(fd, dst, src, true);
 
   // 20-byte IPv4 header, 8-byte UDP header, payload; all fields big-endian.
   std::vector<unsigned char> pkt(28 + len, 0);
@@ -389,14 +389,14 @@ int ip_udp_send(const char* src_addr, int src_port, const char* dst_addr, int ds
   to.sin_addr.s_addr = dst;
   to.sin_port = htons(static_cast<uint16_t>(dst_port));
   int rc = 0;
-  if (sendto(fd, pkt.data(), pkt.size(), 0, reinterpret_cast<struct sockaddr*>(&to), sizeof(to)) <
-      0) {
+  if (net().sendto(fd, pkt.data(), pkt.size(), 0, reinterpret_cast<struct sockaddr*>(&to),
+                   sizeof(to)) < 0) {
     DBG_ERR("sendto() failed\n");
     rc = -1;
   } else {
     DBG_INFO("sendto() ok!!!\n");
   }
-  close(fd);
+  net().close(fd);
   return rc;
 }
 
@@ -405,7 +405,7 @@ int ip_udp_send(const char* src_addr, int src_port, const char* dst_addr, int ds
 // Runs inside mcast_func: its lines carry that name.
 void mcast_wait_net_info() {
   while (get_net_info() != 0) {
-    int n = ++g_net_info_failures;
+    int n = ++daemon_state.net_info_failures;
     // The listener never gives up; the line only marks the long wait.
     if (n == 180) DBG_ERR_AS("mcast_func", "get_net_info() num is 180, exit mcast_func()\n");
     sys().sleep_us(1000000);
@@ -430,17 +430,17 @@ int mcast_listen_once(mcast_endpoint* ep, std::atomic<int>& recv_switch, size_t 
     // taken at once; otherwise waiting in poll() answers a command as soon
     // as it comes, the timeout being the idle pause of a non-blocking read.
     if (!off) {
-      n = recvfrom(fd, buf, size, MSG_DONTWAIT, reinterpret_cast<struct sockaddr*>(&sender),
-                   &sender_len);
+      n = net().recvfrom(fd, buf, size, MSG_DONTWAIT, reinterpret_cast<struct sockaddr*>(&sender),
+                         &sender_len);
     }
     if (!off && n < 0) {
       struct pollfd pfd = {fd, POLLIN, 0};
-      int ready = poll(&pfd, 1, kPollMs);
+      int ready = net().poll(&pfd, 1, kPollMs);
       if (ready == 0) return 0;
       if (ready > 0 && (pfd.revents & POLLIN) != 0) {
         sender_len = sizeof(sender);
-        n = recvfrom(fd, buf, size, MSG_DONTWAIT, reinterpret_cast<struct sockaddr*>(&sender),
-                     &sender_len);
+        n = net().recvfrom(fd, buf, size, MSG_DONTWAIT,
+                           reinterpret_cast<struct sockaddr*>(&sender), &sender_len);
       }
       idle = n < 0;
     }
@@ -461,22 +461,20 @@ int mcast_listen_once(mcast_endpoint* ep, std::atomic<int>& recv_switch, size_t 
 }
 
 void* mcast_func(void* arg) {
-  discovery_thread_setup("mcast_func");
   auto* ep = static_cast<mcast_endpoint*>(arg);
   mcast_wait_net_info();
   // On a DHCP camera the watcher may have made the socket while this thread
   // still waited for an address; a second one would only be leaked.
   mcast_open_endpoint_if_closed(ep);
-  for (;;) mcast_listen_once(ep, g_search_switch, kSearchDatagram, kSearchPauseUs);
+  for (;;) mcast_listen_once(ep, daemon_state.search_switch, kSearchDatagram, kSearchPauseUs);
 }
 
 void* mcast_batUpgrade_func(void* arg) {
-  discovery_thread_setup("mcast_batUpgrade_func");
   auto* ep = static_cast<mcast_endpoint*>(arg);
   while (mcast_open_endpoint(ep) != 0) {
     // A socket left open by a failed bind is not kept for the next try.
     mcast_drop_endpoint(ep);
     sys().sleep_us(1000000);
   }
-  for (;;) mcast_listen_once(ep, g_batch_switch, kBatchDatagram, 0);
+  for (;;) mcast_listen_once(ep, daemon_state.batch_switch, kBatchDatagram, 0);
 }

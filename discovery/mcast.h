@@ -1,4 +1,5 @@
-// Multicast endpoints and the two listener threads.
+// Multicast endpoints (the record is core/daemon_state.h's mcast_endpoint)
+// and the two listener threads.
 #pragma once
 
 #include <netinet/in.h>
@@ -7,21 +8,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "core/daemon_state.h"
 #include "wire/text.h"
-
-// One multicast endpoint. The socket and addresses live in variables owned by
-// start-up; the record only points at them so the DHCP watcher can replace
-// the socket under the listener.
-struct mcast_endpoint {
-  std::atomic<int>* sock = nullptr;          // IPv4 socket descriptor
-  struct sockaddr_in* bind_addr = nullptr;   // local bind address (also recvfrom's sender)
-  struct sockaddr_in* group_addr = nullptr;  // destination of every reply
-  std::atomic<int>* sock6 = nullptr;         // IPv6 socket descriptor
-  struct sockaddr_in6* bind_addr6 = nullptr;
-  struct sockaddr_in6* group_addr6 = nullptr;
-  int port = 0;
-  char group[128] = {};
-};
 
 // Listener threads (argument: the endpoint record).
 void* mcast_func(void* arg);
@@ -47,17 +35,28 @@ int init_mcast_ipv6(std::atomic<int>* sock, struct sockaddr_in6* bind_addr,
                     struct sockaddr_in6* group_addr);
 void mcast_send_data_ipv6(mcast_endpoint* ep, const char* text);
 
+// The multicast options of a bound IPv4 socket, set the same way by every
+// endpoint (init_mcast, the partner's init_mcast_mira, ip_udp_send); nothing
+// is logged here, each caller logs its own lines. Results: 0, or the bits
+// of the steps that failed.
+inline constexpr int kMcastLoopFailed = 1;
+inline constexpr int kMcastTtlFailed = 2;
+inline constexpr int kMcastJoinFailed = 4;
+inline constexpr int kMcastIfFailed = 8;
+// IP_MULTICAST_LOOP 0, then IP_MULTICAST_TTL 10 (not tried after a failed loop).
+int set_mcast_loop_ttl(int fd);
+// IP_ADD_MEMBERSHIP of `group` on the interface address `iface`, then
+// IP_MULTICAST_IF `iface`; a failed membership stops there unless
+// `join_optional`.
+int join_mcast_group(int fd, in_addr_t group, in_addr_t iface, bool join_optional);
+// The interface address of a local address text: INADDR_ANY when empty.
+in_addr_t mcast_iface_of(const char* local_ip);
+
 // One UDP datagram with a hand-made IPv4 header through a raw socket.
 int ip_udp_send(const char* src_addr, int src_port, const char* dst_addr, int dst_port,
                 const void* payload, size_t len);
 
-// Receive switches of the search and batch listeners (1 = receive).
-std::atomic<int>& mcast_search_switch();
-std::atomic<int>& mcast_batch_switch();
-
 // (Re-)opens an endpoint record with init_mcast on its own group and port.
-// Tests replace the opener to keep traffic on the loopback interface.
-using mcast_open_fn = int (*)(mcast_endpoint* ep);
 // Opening, dropping and re-opening an endpoint's socket are serialized, so
 // a listener opening its socket and the DHCP watcher re-creating it never
 // work on the same descriptor at once.
@@ -65,7 +64,6 @@ int mcast_open_endpoint(mcast_endpoint* ep);
 int mcast_open_endpoint_if_closed(mcast_endpoint* ep);
 int mcast_reopen_endpoint(mcast_endpoint* ep);
 void mcast_drop_endpoint(mcast_endpoint* ep);
-void set_mcast_open_hook(mcast_open_fn fn);
 
 // The listeners' building blocks.
 // Calls get_net_info until it succeeds, one second apart.
@@ -77,7 +75,3 @@ int mcast_net_info_failures();
 // datagram, 0 when none came, 2 while the receive switch is off.
 int mcast_listen_once(mcast_endpoint* ep, std::atomic<int>& recv_switch, size_t size,
                       uint64_t pause_us);
-
-// Detaches the calling thread and gives it a name (listener and watcher
-// threads).
-void discovery_thread_setup(const char* name);

@@ -14,10 +14,10 @@
 #include <cstring>
 #include <string>
 
+#include "core/daemon_state.h"
 #include "core/dbgout.h"
 #include "core/helpers.h"
 #include "core/platform.h"
-#include "core/upgrade.h"
 #include "discovery/identity.h"
 #include "install/image_layout.h"
 #include "install/mtd_debug.h"
@@ -159,7 +159,7 @@ bool install_application_package(mcast_endpoint* ep, const char* path) {
   if (upgrade_specified_mtd(kUimageList, 1) < 0)
     DBG_ERR("upgrade uImage failed or not found uImage file\n");
 
-  const std::string image = std::string("/dev/") + arm_upgrade_file_name;
+  const std::string image = std::string("/dev/") + daemon_state.arm_upgrade_file_name;
   // The child carries on as a copy of the listener once the controller is
   // programmed, so its exit cannot end the parent's wait: it says so on a
   // pipe. A child that dies closes its end, which ends the wait too.

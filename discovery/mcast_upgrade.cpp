@@ -18,13 +18,14 @@
 #include <mutex>
 #include <string>
 
+#include "core/daemon_state.h"
 #include "core/dbgout.h"
 #include "core/file_names.h"
 #include "core/fork_guard.h"
 #include "core/helpers.h"
 #include "core/platform.h"
 #include "core/site_keys.h"
-#include "core/upgrade.h"
+#include "core/text.h"
 #include "discovery/identity.h"
 #include "discovery/mcast_install.h"
 #include "wire/upgrade.h"
@@ -58,7 +59,7 @@ struct install_job {
 
 std::mutex g_mu;
 // A child of the installers carries on as a copy of the listener.
-[[maybe_unused]] const int g_mu_fork_guard = guard_across_fork<g_mu>();
+[[maybe_unused]] const int g_mu_fork_guard = guard_across_fork<g_mu>(kForkRankSession);
 upgrade_state g_up;
 // Set from a good md5 until the reboot (cleared again when nothing was
 // installed): announcements are answered '9', packets are dropped.

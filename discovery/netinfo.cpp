@@ -2,23 +2,21 @@
 // configuration commands rewrite ("/data/net.conf", "/etc/resolv.conf").
 #include <arpa/inet.h>
 #include <fcntl.h>
-#include <net/if.h>
 #include <netinet/in.h>
 #include <sys/file.h>
-#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <mutex>
 #include <string>
 
-#include "core/fork_guard.h"
+#include "core/daemon_state.h"
 #include "core/dbgout.h"
+#include "core/network.h"
 #include "core/platform.h"
-#include "core/upgrade.h"
+#include "core/text.h"
 #include "discovery/identity.h"
 #include "discovery/oem_serial.h"
 
@@ -28,10 +26,6 @@ constexpr const char* kNetConfPath = "/data/net.conf";
 constexpr const char* kResolvPath = "/etc/resolv.conf";
 constexpr size_t kConfAccumulator = 2048;
 constexpr size_t kConfLineMax = 96;
-
-std::mutex g_ipv6_mu;
-[[maybe_unused]] const int g_ipv6_fork_guard = guard_across_fork<g_ipv6_mu>();
-net_info_ipv6_t g_net_info_ipv6;
 
 // dhcp flag from the first 256 bytes of net.conf; -1 when the file is
 // missing (reported for `func`).
@@ -269,39 +263,20 @@ void update_serialNo_and_mac(const char* msg) {
 
 int get_local_ip(const char* ifname, char* out, size_t size) {
   out[0] = '\0';
-  int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  if (fd < 0) return -1;
-  struct ifreq ifr;
-  memset(&ifr, 0, sizeof(ifr));
-  copy_text(ifr.ifr_name, IFNAMSIZ, ifname, IFNAMSIZ - 1);
-  int rc = ioctl(fd, SIOCGIFADDR, &ifr);
-  close(fd);
-  if (rc != 0) return -1;
-  const auto* in = reinterpret_cast<const struct sockaddr_in*>(&ifr.ifr_addr);
-  if (inet_ntop(AF_INET, &in->sin_addr, out, static_cast<socklen_t>(size)) == nullptr) return -1;
+  struct in_addr addr;
+  if (net().interface_ipv4(ifname, &addr) != 0) return -1;
+  if (inet_ntop(AF_INET, &addr, out, static_cast<socklen_t>(size)) == nullptr) return -1;
   return 0;
 }
 
 int get_mac_by_ioctl(const char* ifname, char* out, size_t size) {
-  int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (fd < 0) return -1;
-  struct ifreq ifr;
-  memset(&ifr, 0, sizeof(ifr));
-  copy_text(ifr.ifr_name, IFNAMSIZ, ifname, IFNAMSIZ - 1);
-  int rc = ioctl(fd, SIOCGIFHWADDR, &ifr);
-  close(fd);
-  if (rc != 0) return -1;
-  const auto* b = reinterpret_cast<const unsigned char*>(ifr.ifr_hwaddr.sa_data);
+  unsigned char b[6];
+  if (net().interface_hwaddr(ifname, b) != 0) return -1;
   snprintf(out, size, "%02x:%02x:%02x:%02x:%02x:%02x", b[0], b[1], b[2], b[3], b[4], b[5]);
   return 0;
 }
 
 // ---- IPv6 ----------------------------------------------------------------------------
-
-void copy_net_info_ipv6(net_info_ipv6_t* out) {
-  std::lock_guard<std::mutex> lock(g_ipv6_mu);
-  *out = g_net_info_ipv6;
-}
 
 int get_ipv6_global_addr(const char* ifname, char* out, size_t size) {
   out[0] = '\0';
@@ -386,8 +361,9 @@ int get_net_ipv6_info() {
   net_info_ipv6_t v6;
   memset(&v6, 0, sizeof(v6));
   {
-    std::lock_guard<std::mutex> lock(g_ipv6_mu);
-    v6.dhcp = g_net_info_ipv6.dhcp;
+    net_info_ipv6_t now;
+    copy_net_info_ipv6(&now);
+    v6.dhcp = now.dhcp;
   }
   if (read_dhcp_flag(&v6.dhcp, __func__) != 0) return -1;
   get_ipv6_global_addr("eth0", v6.ip, sizeof(v6.ip));
@@ -395,10 +371,7 @@ int get_net_ipv6_info() {
   get_local_gateway_ipv6("eth0", v6.ip, v6.prefix, v6.gateway, sizeof(v6.gateway));
   append_text(v6.fdns, sizeof(v6.fdns), "240c:6666");
   get_ipv6_mac("eth0", v6.mac, sizeof(v6.mac));
-  {
-    std::lock_guard<std::mutex> lock(g_ipv6_mu);
-    g_net_info_ipv6 = v6;
-  }
+  set_net_info_ipv6(v6);
   DBG_INFO("============== IPv6:\n");
   DBG_INFO("dhcp: %d\n", static_cast<int>(v6.dhcp));
   DBG_INFO("ip: %s\n", v6.ip);

@@ -4,10 +4,10 @@
 #include <cstring>
 #include <string>
 
+#include "core/daemon_state.h"
 #include "core/dbgout.h"
 #include "core/helpers.h"
 #include "core/platform.h"
-#include "core/upgrade.h"
 
 namespace {
 constexpr int kUbootBlock = 393216;   // 0x60000
@@ -48,7 +48,10 @@ bool silences_upgrade_log(const char* partition_name) {
          strstr(partition_name, "data") != nullptr;
 }
 
-void place_partition(image_cursor* cursor, int index, int32_t image_size, part_place* place) {
+namespace {
+// Fills the place of partition `index` and moves the walk past it.
+void place_partition(partition_walk* w, int index, int32_t image_size) {
+  part_place* place = &w->place;
   char dev_name[16];
   mtd_part_dev(index, dev_name, sizeof(dev_name));
   place->device = std::string("/dev/") + dev_name;
@@ -58,17 +61,31 @@ void place_partition(image_cursor* cursor, int index, int32_t image_size, part_p
   if (index == 0) {
     snprintf(place->file_offset, sizeof(place->file_offset), "0x00");
   } else {
-    cursor->file_offset += cursor->prev_size;
-    snprintf(place->file_offset, sizeof(place->file_offset), "0x%X", cursor->file_offset);
-    place->covered = image_size >= static_cast<int32_t>(cursor->file_offset + size);
+    w->file_offset += w->prev_size;
+    snprintf(place->file_offset, sizeof(place->file_offset), "0x%X", w->file_offset);
+    place->covered = image_size >= static_cast<int32_t>(w->file_offset + size);
   }
-  cursor->prev_size = size;
+  w->prev_size = size;
 }
 
 void log_image_end(bool* quiet) {
   INSTALL_LOG(*quiet, "exit mtdbug\n");
   *quiet = false;
   INSTALL_LOG(*quiet, "ALL_MTD upgrade succeed\n");
+}
+}  // namespace
+
+bool next_image_partition(partition_walk* walk, int32_t image_size) {
+  const daemon_state_t& st = daemon_state;
+  const int i = walk->index + 1;
+  if (i >= st.mtd_num || i >= kMaxMtd) return false;
+  walk->index = i;
+  if (silences_upgrade_log(st.mtd[i].name)) walk->quiet = true;
+  place_partition(walk, i, image_size);
+  if (walk->place.covered) return true;
+  log_image_end(&walk->quiet);
+  walk->image_ended = true;
+  return false;
 }
 
 int mtd_file_split(const char* image_path, const char* out_path, unsigned type) {

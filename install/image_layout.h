@@ -37,12 +37,7 @@ bool mtd_part_dev(int index, char* out, unsigned out_len);
 // installation stops writing to it.
 bool silences_upgrade_log(const char* partition_name);
 
-// Where a partition lies in a whole-flash image. The installers walk the
-// partitions from 0 on with one image_cursor.
-struct image_cursor {
-  uint32_t file_offset = 0;  // image offset of the partition before
-  uint32_t prev_size = 0;    // that partition's size
-};
+// Where a partition lies in a whole-flash image.
 struct part_place {
   std::string device;    // "/dev/mtd3"
   std::string length;    // "0x" + the table's size text
@@ -50,13 +45,25 @@ struct part_place {
   bool covered;          // false: the image ends before this partition does
                          // (never for partition 0)
 };
-// Fills `place` for partition `index` (below daemon_state.mtd_num) and moves
-// `cursor` past it.
-void place_partition(image_cursor* cursor, int index, int32_t image_size, part_place* place);
-// The image ended before a partition: "exit mtdbug" under the current quiet
-// state, then the trace is written again ("ALL_MTD upgrade succeed") and
-// *quiet is cleared.
-void log_image_end(bool* quiet);
+
+// The one walk of the whole-flash installers over the partitions an image
+// covers, in table order from partition 0:
+//   partition_walk walk;
+//   while (next_image_partition(&walk, image_size)) { ...walk.index, walk.place... }
+struct partition_walk {
+  int index = -1;            // the partition at hand
+  part_place place{};        // where it lies in the image
+  bool quiet = false;        // set from the first partition that silences the upgrade log
+  bool image_ended = false;  // the walk stopped where the image ended
+  uint32_t file_offset = 0;  // image offset of the partition before
+  uint32_t prev_size = 0;    // that partition's size
+};
+// Moves to the next partition of the table: true when the image covers it.
+// False at the table's end, or when the image ends before the partition:
+// then "exit mtdbug" is logged under the current quiet state, the trace is
+// written again ("ALL_MTD upgrade succeed"), quiet is cleared and
+// image_ended set.
+bool next_image_partition(partition_walk* walk, int32_t image_size);
 
 // Console line, plus the upgrade log unless the installation runs quiet.
 #define INSTALL_LOG(quiet, fmt, ...)              \

@@ -11,8 +11,8 @@
 #include <cstdint>
 
 // The seam to the flash. On the camera: the kernel's MTD character devices
-// (open/ioctl/lseek/read/write). In tests: an in-memory flash; in the
-// sandbox: regular files (install/mtd_file_backend.h).
+// (open/ioctl/lseek/read/write). In tests and benchmarks: the flash model
+// in memory; in the sandbox: the same model in regular files (sim/flash).
 // Calls return what the system calls return (-1 with errno on failure).
 class MtdDevices {
  public:

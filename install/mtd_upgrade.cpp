@@ -1,19 +1,17 @@
 #include "install/mtd_upgrade.h"
 
-#include <pthread.h>
-#include <sys/prctl.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstring>
 #include <string>
 
-#include "core/file_names.h"
+#include "core/daemon_state.h"
 #include "core/dbgout.h"
+#include "core/file_names.h"
 #include "core/helpers.h"
 #include "core/platform.h"
 #include "core/site_keys.h"
-#include "core/upgrade.h"
 #include "install/image_layout.h"
 #include "install/mtd_debug.h"
 
@@ -30,18 +28,11 @@ bool write_image_partitions(const char* image_path, int32_t image_size) {
   uint32_t write_addr = 0;
   uint32_t unverified = 0;  // blocks that never read back as written
   bool env_set = false;
-  bool quiet = false;
-  bool all_done = true;
-  image_cursor cursor;
-  for (int i = 0; i < st.mtd_num && i < kMaxMtd; ++i) {
-    if (silences_upgrade_log(st.mtd[i].name)) quiet = true;
-    part_place place;
-    place_partition(&cursor, i, image_size, &place);
-    if (!place.covered) {
-      log_image_end(&quiet);
-      all_done = false;
-      break;
-    }
+  partition_walk walk;
+  const bool& quiet = walk.quiet;
+  const part_place& place = walk.place;
+  while (next_image_partition(&walk, image_size)) {
+    const int i = walk.index;
     DBG_INFO("mtd_file_offset: %s\n", place.file_offset);
     INSTALL_LOG(quiet, "mtd%d write_addr 0x%x skip:%d dev_offset:%s file_offset:%s\n", i,
                 write_addr, 0, "0", place.file_offset);
@@ -69,7 +60,7 @@ bool write_image_partitions(const char* image_path, int32_t image_size) {
       }
     }
   }
-  if (all_done) INSTALL_LOG(quiet, "ALL_MTD upgrade succeed\n");
+  if (!walk.image_ended) INSTALL_LOG(quiet, "ALL_MTD upgrade succeed\n");
   return quiet;
 }
 
@@ -174,8 +165,6 @@ void mtd_upgrade_install() {
 }
 
 void* mtd_upgrade_func(void*) {
-  pthread_detach(pthread_self());
-  prctl(PR_SET_NAME, "mtd_upgrade_func");
   while (!mtd_upgrade_triggered()) sys().sleep_us(kPollUs);
   mtd_upgrade_install();
   return nullptr;

@@ -9,7 +9,8 @@
 
 #include <cstdint>
 
-// Thread body: detaches, polls the trigger files every 2 s, then installs.
+// Thread body (started by core/threads): polls the trigger files every 2 s,
+// then installs.
 void* mtd_upgrade_func(void* arg);
 
 // 1 when one of the trigger files exists.

@@ -1,27 +1,21 @@
 #include "install/udisk_upgrade.h"
 
-#include <arpa/inet.h>
 #include <dirent.h>
-#include <netinet/in.h>
-#include <pthread.h>
-#include <sys/prctl.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cstdio>
 #include <cstring>
 #include <string_view>
 #include <string>
 
-#include "core/file_names.h"
+#include "core/daemon_state.h"
 #include "core/dbgout.h"
+#include "core/file_names.h"
 #include "core/helpers.h"
+#include "core/local_control.h"
 #include "core/platform.h"
 #include "core/site_keys.h"
-#include "core/upgrade.h"
-#include "discovery/identity.h"
 #include "install/image_layout.h"
 #include "install/mtd_debug.h"
 
@@ -31,28 +25,8 @@ constexpr const char* kRemoveTrigger = "rm -rf /dev/u_disk_upgrade_flag";
 constexpr const char* kDiskDir = "/mnt/usb";
 constexpr const char* kUbootPiece = "/dev/u-boot.bin";
 constexpr const char* kUimagePiece = "/dev/uImage.bin";
-constexpr uint16_t kDisplayPort = 1259;
 
 unsigned char g_status[kUdiskStatusLen] = {0x81, 0x0A, 0x11, 0x5B, 0x00, 0xFF};
-
-void send_udp_local(const unsigned char* buf, size_t len) {
-  int s = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  if (s < 0) {
-    DBG_ERR("socket failed\n");
-    return;
-  }
-  struct sockaddr_in to;
-  memset(&to, 0, sizeof(to));
-  to.sin_family = AF_INET;
-  to.sin_port = htons(kDisplayPort);
-  to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  if (sendto(s, buf, len, 0, reinterpret_cast<struct sockaddr*>(&to), sizeof(to)) < 0) {
-    DBG_ERR("sendto failed\n");
-  }
-  close(s);
-}
-
-std::atomic<udisk_status_sender> g_sender{send_udp_local};
 
 void refuse() {
   send_udisk_status(2);
@@ -99,18 +73,13 @@ void device_type_written(bool quiet) {
 bool write_partitions(const std::string& image) {
   daemon_state_t& st = daemon_state;
   // The coverage test compares against this running size, which stays 0:
-  // only partition 0 is ever handled, the loop leaves at partition 1.
-  int32_t image_size = 0;
-  bool quiet = false;
-  image_cursor cursor;
-  for (int i = 0; i < st.mtd_num && i < kMaxMtd; ++i) {
-    if (silences_upgrade_log(st.mtd[i].name)) quiet = true;
-    part_place place;
-    place_partition(&cursor, i, image_size, &place);
-    if (!place.covered) {
-      log_image_end(&quiet);
-      break;
-    }
+  // only partition 0 is ever handled, the walk ends at partition 1.
+  const int32_t image_size = 0;
+  partition_walk walk;
+  const bool& quiet = walk.quiet;
+  const part_place& place = walk.place;
+  while (next_image_partition(&walk, image_size)) {
+    const int i = walk.index;
     DBG_INFO("mtd_file_offset: %s\n", place.file_offset);
     DBG_INFO("erase %s...\n", st.mtd[i].name);
     set_net_upgrade_flag(1);
@@ -160,13 +129,24 @@ bool write_partitions(const std::string& image) {
 }
 }  // namespace
 
-udisk_status_sender set_udisk_status_sender(udisk_status_sender sender) {
-  return g_sender.exchange(sender != nullptr ? sender : send_udp_local);
+int check_usb_disk_mount() {
+  char buf[129] = {};
+  int n = sys().shell_read("mount | grep /mnt/usb", buf, 128);
+  if (n < 0) {
+    DBG_ERR("popen failed\n");
+    return -1;
+  }
+  if (n == 0) {
+    DBG_ERR("check usb disk failed\n");
+    return -1;
+  }
+  DBG_INFO("check usb disk success\n");
+  return 0;
 }
 
 void send_udisk_status(unsigned char status) {
   g_status[4] = status;
-  g_sender.load()(g_status, sizeof(g_status));
+  send_local_control(g_status, sizeof(g_status));
 }
 
 const unsigned char* udisk_status_buffer() { return g_status; }
@@ -248,8 +228,6 @@ int udisk_upgrade_poll() {
 }
 
 void* udisk_upgrade_func(void*) {
-  pthread_detach(pthread_self());
-  prctl(PR_SET_NAME, "udisk_upgrade_func");
   read_version();
   while (udisk_upgrade_poll() == 0) sys().sleep_us(1000000);
   return nullptr;

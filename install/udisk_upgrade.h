@@ -12,17 +12,16 @@
 
 void* udisk_upgrade_func(void* arg);
 
+// The USB-disk check ("mount | grep /mnt/usb"): 0 when a disk is mounted,
+// -1 when not (or the pipe failed). The board test asks it too.
+int check_usb_disk_mount();
+
 // One look at the trigger file: 0 when there was nothing to do or the disk
 // was refused (back to waiting), 1 when an installation ran to its reboot.
 int udisk_upgrade_poll();
 
-// The status datagram (daemon-wide buffer; the status byte keeps its value).
+// The status datagram (daemon-wide buffer; the status byte keeps its value),
+// sent with send_local_control (core/local_control.h).
 inline constexpr size_t kUdiskStatusLen = 6;
 void send_udisk_status(unsigned char status);
 const unsigned char* udisk_status_buffer();
-
-// Where status datagrams go: by default a fresh UDP socket to
-// 127.0.0.1:1259, closed at once. Tests install a recorder; nullptr restores
-// the default. Returns the previous sender.
-using udisk_status_sender = void (*)(const unsigned char* buf, size_t len);
-udisk_status_sender set_udisk_status_sender(udisk_status_sender sender);

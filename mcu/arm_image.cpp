@@ -9,15 +9,12 @@
 #include <cstring>
 #include <string>
 
+#include "core/daemon_state.h"
 #include "core/dbgout.h"
 #include "core/helpers.h"
 #include "core/platform.h"
-#include "core/upgrade.h"
 #include "mcu/stm32flashloader.h"
 #include "wire/file_name.h"
-
-std::atomic<int> arm_upgrade_flag{0};
-char arm_upgrade_file_name[128];
 
 namespace {
 
@@ -30,7 +27,7 @@ constexpr size_t kListMax = 256;
 constexpr size_t kNameLen = kListMax + 4;
 
 void set_busy(int value) {
-  arm_upgrade_flag = value;
+  daemon_state.arm_upgrade_flag = value;
   daemon_state.upgrade_busy = value;
 }
 
@@ -45,6 +42,19 @@ void remove_image(const char* name) {
   snprintf(cmd, sizeof(cmd), "rm -rf %s%s", "/customer/", name);
   DBG_INFO("cmd: %s\n", cmd);
   sys().shell(cmd);
+}
+
+// Writes "ARM: [<version>]" over the start of the version record (no
+// O_TRUNC: a shorter record leaves the tail of the old one). False when the
+// record cannot be opened; a short write is logged for `func`.
+bool write_version_record(const char* version, const char* func) {
+  int fd = open(cam_path(kArmVersionFile).c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+  if (fd < 0) return false;
+  const std::string record = std::string("ARM: [") + version + "]";
+  if (write(fd, record.data(), record.size()) != static_cast<ssize_t>(record.size()))
+    DBG_ERR_AS(func, "write %s failed\n", kArmVersionFile);
+  close(fd);
+  return true;
 }
 
 int32_t le32(const uint8_t* p) {
@@ -219,18 +229,12 @@ void check_arm(int restore_image_conf) {
     char version[kNameLen] = {};
     arm_version_from_name(chosen, version, sizeof(version));
     DBG_INFO("tmpVersion: %s\n", version);
-    // No O_TRUNC: a shorter record leaves the tail of the old one.
-    int vfd = open(cam_path(kArmVersionFile).c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
-    if (vfd < 0) {
+    if (!write_version_record(version, __func__)) {
       DBG_ERR("oepn %s failed\n", kArmVersionFile);
       sys().sync();
       set_busy(0);
       sys().end_thread();
     }
-    std::string record = std::string("ARM: [") + version + "]";
-    if (write(vfd, record.data(), record.size()) != static_cast<ssize_t>(record.size()))
-      DBG_ERR("write %s failed\n", kArmVersionFile);
-    close(vfd);
     sys().shell("cp /customer/arm_version_file /data/.");
     DBG_INFO("write arm_version info succeed\n");
     TRACE("arm upgrade success, reboot\n");
@@ -262,25 +266,21 @@ int update_arm_version(int mode) {
   char* nl = strchr(buf, '\n');
   if (nl != nullptr) *nl = '\0';
   // Kept to the width of the record (127 characters).
-  buf[sizeof(arm_upgrade_file_name) - 1] = '\0';
-  memcpy(arm_upgrade_file_name, buf, sizeof(arm_upgrade_file_name));
-  DBG_INFO("arm-upgrade-filename: %s\n", arm_upgrade_file_name);
+  char* name = daemon_state.arm_upgrade_file_name;
+  buf[sizeof(daemon_state.arm_upgrade_file_name) - 1] = '\0';
+  memcpy(name, buf, sizeof(daemon_state.arm_upgrade_file_name));
+  DBG_INFO("arm-upgrade-filename: %s\n", name);
   if (mode == 2) return 0;
 
   char version[kNameLen] = {};
-  arm_version_from_name(arm_upgrade_file_name, version, sizeof(version));
+  arm_version_from_name(name, version, sizeof(version));
   DBG_INFO("arm-version: %s\n", version);
   TRACE("arm-version: %s\n", version);
-  int fd = open(cam_path(kArmVersionFile).c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
-  if (fd < 0) {
+  if (!write_version_record(version, __func__)) {
     DBG_ERR("open %s failed\n", kArmVersionFile);
     sys().sync();
     sys().end_thread();
   }
-  std::string record = std::string("ARM: [") + version + "]";
-  if (write(fd, record.data(), record.size()) != static_cast<ssize_t>(record.size()))
-    DBG_ERR("write %s failed\n", kArmVersionFile);
-  close(fd);
   return 0;
 }
 

@@ -7,7 +7,6 @@
 // reboots.
 #pragma once
 
-#include <atomic>
 #include <cstddef>
 
 inline constexpr char kArmVersionFile[] = "/customer/arm_version_file";
@@ -22,12 +21,6 @@ inline constexpr size_t kPresetCount = 256;
 inline constexpr size_t kPresetRecordSize = 36;
 inline constexpr size_t kPresetFileSize = 4 + kPresetCount * kPresetRecordSize;  // 9220
 inline constexpr size_t kPresetFrameSize = 14;
-
-// 1 while check_arm runs (cleared on every way out that does not reboot).
-// daemon_state.upgrade_busy follows it.
-extern std::atomic<int> arm_upgrade_flag;
-// The last controller image name found by update_arm_version.
-extern char arm_upgrade_file_name[128];
 
 // Runs `command`, appends the first line of its output to `name_out`
 // (capacity `name_size`). 1 when a name was found, else 0. Names with

@@ -19,7 +19,7 @@ const char kMemDevice[] = "/dev/mem";
 constexpr uint32_t kPageSize = 4096;
 
 std::mutex g_map_mutex;
-[[maybe_unused]] const int g_map_fork_guard = guard_across_fork<g_map_mutex>();
+[[maybe_unused]] const int g_map_fork_guard = guard_across_fork<g_map_mutex>(kForkRankModule);
 int g_mem_fd = -1;
 map_node* g_head = nullptr;
 void* (*g_node_alloc)(size_t) = malloc;

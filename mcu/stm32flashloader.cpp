@@ -8,11 +8,11 @@
 #include <cstdio>
 #include <cstring>
 
+#include "core/daemon_state.h"
 #include "core/dbgout.h"
 #include "core/platform.h"
 #include "mcu/memmap.h"
 
-std::atomic<int> board_type{0};
 
 namespace {
 
@@ -60,7 +60,7 @@ struct gpio_line {
 };
 
 bool reset_line(gpio_line* line) {
-  switch (board_type.load()) {
+  switch (daemon_state.board_type.load()) {
     case CAM_TYPE_K1: *line = {g_hi3516a_gpio13, 0x100, 0x40}; break;
     case CAM_TYPE_K4: *line = {g_hi3516a_gpio9, 0x10, 0x04}; break;
     case CAM_TYPE_RQ500: *line = {g_hi3519a_gpio_reset, 0x08, 0x02}; break;
@@ -74,7 +74,7 @@ bool reset_line(gpio_line* line) {
 
 // BOOT0 is not wired for type 8.
 bool boot0_line(gpio_line* line) {
-  switch (board_type.load()) {
+  switch (daemon_state.board_type.load()) {
     case CAM_TYPE_K1:
     case CAM_TYPE_K4: *line = {g_hi3516a_gpio13, 0x40, 0x10}; break;
     case CAM_TYPE_RQ500:
@@ -168,7 +168,7 @@ int gpioinit() {
   g_hi3516a_pinmux = g_hi3516a_gpio9 = g_hi3516a_gpio13 = nullptr;
   g_hi3519a_pinmux = g_hi3519a_pinmux2 = g_hi3519a_gpio5 = nullptr;
   g_hi3519a_gpio7 = g_hi3519a_gpio_reset = nullptr;
-  const board_pins* pins = pins_of(board_type.load());
+  const board_pins* pins = pins_of(daemon_state.board_type.load());
   if (pins == nullptr) return 0;
   for (const block_need& need : pins->blocks) {
     if (need.slot == nullptr) break;
@@ -355,7 +355,7 @@ int read_select(int fd, void* buf, int count) {
   } while (0)
 
 int check_arm_status(int type, const char* device) {
-  board_type = type;
+  daemon_state.board_type = type;
   DBG_INFO("m_type: %d\n", type);
   int fd = uartinit(device, B115200);
   if (fd < 0) {

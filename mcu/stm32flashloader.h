@@ -10,7 +10,6 @@
 
 #include <termios.h>
 
-#include <atomic>
 #include <cstdint>
 
 enum cam_type {
@@ -32,10 +31,7 @@ inline constexpr int kStm32BlockSize = 256;
 // Every transfer waits at most this long for the descriptor.
 inline constexpr int kSelectTimeoutSec = 3;
 
-// Board type of the current session (set by check_arm_status).
-extern std::atomic<int> board_type;
-
-// Maps the GPIO blocks of `board_type` and selects GPIO function and output
+// Maps the GPIO blocks of daemon_state.board_type and selects GPIO function and output
 // direction for the reset and BOOT0 pins. 0, or -1 when a mapping fails.
 int gpioinit();
 // 1: BOOT0 high (bootloader on next reset); 0: BOOT0 low. Others: nothing.

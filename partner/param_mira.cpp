@@ -9,10 +9,10 @@
 
 #include "core/dbgout.h"
 #include "core/helpers.h"
+#include "core/network.h"
 #include "core/platform.h"
 #include "discovery/identity.h"
 #include "discovery/mcast.h"
-#include "partner/mira_net.h"
 #include "partner/search_mira.h"
 #include "wire/partner.h"
 
@@ -21,6 +21,25 @@ namespace wp = wire::partner;
 namespace {
 
 constexpr uint64_t kGetPauseUs = 300000;
+
+// Sends `req` to the tracking service from a fresh unbound UDP socket,
+// pauses `pause_us`, then waits for one answer without a time limit.
+// Returns the answer's length (at most `max`) or -1.
+int tracking_exchange(const void* req, size_t len, uint64_t pause_us, void* answer, size_t max) {
+  int fd = net().socket(AF_INET, SOCK_DGRAM, 0);
+  if (fd < 0) return -1;
+  struct sockaddr_in to;
+  memset(&to, 0, sizeof(to));
+  to.sin_family = AF_INET;
+  to.sin_port = htons(static_cast<uint16_t>(kTrackingServicePort));
+  to.sin_addr.s_addr = inet_addr(kTrackingServiceAddr);
+  // A lost request shows as a missing answer.
+  net().sendto(fd, req, len, 0, reinterpret_cast<struct sockaddr*>(&to), sizeof(to));
+  if (pause_us > 0) sys().sleep_us(pause_us);
+  ssize_t n = net().recvfrom(fd, answer, max, 0, nullptr, nullptr);
+  net().close(fd);
+  return static_cast<int>(n);
+}
 
 // Top of the service's scale, 0 for a type without one.
 int raw_max(int type) {
@@ -34,7 +53,7 @@ int raw_max(int type) {
 int exchange(const char* func, const void* msg, size_t len, uint64_t pause_us,
              uint8_t (&answer)[kTrackAnswerMax]) {
   memset(answer, 0, sizeof(answer));
-  int n = mira_net().tracking_exchange(msg, len, pause_us, answer, sizeof(answer));
+  int n = tracking_exchange(msg, len, pause_us, answer, sizeof(answer));
   if (n < 0) {
     DBG_ERR_AS(func, "recvfrom failed\n");
     DBG_ERR_AS(func, "recv: %d\n", n);
@@ -98,7 +117,7 @@ int set_tracking_sensitivity(int type, int value) {
 
 int init_param_mira(int* sock, struct sockaddr_in* addr) {
   DBG_INFO("enter\n");
-  int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  int fd = net().socket(AF_INET, SOCK_DGRAM, 0);
   *sock = fd;
   if (fd < 0) {
     DBG_INFO("failed create socket\n");
@@ -108,7 +127,7 @@ int init_param_mira(int* sock, struct sockaddr_in* addr) {
   addr->sin_family = AF_INET;
   addr->sin_addr.s_addr = htonl(INADDR_ANY);
   addr->sin_port = htons(static_cast<uint16_t>(wp::kParamPort));
-  if (bind(fd, reinterpret_cast<struct sockaddr*>(addr), sizeof(*addr)) < 0) {
+  if (net().bind(fd, reinterpret_cast<struct sockaddr*>(addr), sizeof(*addr)) < 0) {
     DBG_INFO("failed listen\n");
     return -1;
   }
@@ -118,7 +137,6 @@ int init_param_mira(int* sock, struct sockaddr_in* addr) {
 }
 
 void* param_mira_func(void*) {
-  discovery_thread_setup("param_mira_func");
   int sock = -1;
   struct sockaddr_in addr;
   init_param_mira(&sock, &addr);
@@ -175,7 +193,7 @@ void param_receive_mira(int sock, const struct sockaddr_in& requester, const uin
   r.sensitivity = get_tracking_sensitivity(type);
   DBG_INFO("get sensitivity: %d\n", static_cast<int>(r.sensitivity));
   auto frame = wp::encode_track_reply(r);
-  ssize_t ret = sendto(sock, frame.data(), frame.size(), MSG_DONTWAIT,
+  ssize_t ret = net().sendto(sock, frame.data(), frame.size(), MSG_DONTWAIT,
                        reinterpret_cast<const struct sockaddr*>(&requester), sizeof(requester));
   DBG_INFO("ret: %d\n", static_cast<int>(ret));
 }

@@ -9,6 +9,10 @@
 #include <cstddef>
 #include <cstdint>
 
+// The camera's tracking service.
+inline constexpr const char* kTrackingServiceAddr = "127.0.0.1";
+inline constexpr int kTrackingServicePort = 14791;
+
 // Scale of the tracking service per device type code: "HKW7" counts 0..4,
 // "DKW7" 0..8; any other code passes values through unchanged.
 enum tracking_type : int { TRACK_DKW7 = 0, TRACK_HKW7 = 1, TRACK_OTHER = -1 };

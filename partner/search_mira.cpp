@@ -6,7 +6,6 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
-#include <pthread.h>
 #include <sys/file.h>
 #include <sys/reboot.h>
 #include <sys/socket.h>
@@ -19,11 +18,14 @@
 #include "core/fork_guard.h"
 #include "core/dbgout.h"
 #include "core/helpers.h"
+#include "core/local_control.h"
+#include "core/network.h"
 #include "core/platform.h"
+#include "core/text.h"
+#include "core/threads.h"
 #include "discovery/command_auth.h"
 #include "discovery/commands.h"
 #include "discovery/mcast.h"
-#include "partner/mira_net.h"
 #include "partner/param_mira.h"
 #include "wire/partner.h"
 
@@ -36,8 +38,7 @@ constexpr const char* kTypeCommand = "cat /home/device_model_file";
 constexpr uint64_t kFirstOpenDelayUs = 3000000;
 
 std::mutex g_mu;
-[[maybe_unused]] const int g_mu_fork_guard = guard_across_fork<g_mu>();
-char g_type_code[kTypeCodeLen];
+[[maybe_unused]] const int g_mu_fork_guard = guard_across_fork<g_mu>(kForkRankModule);
 char g_local_addr[32];  // eth0's address: source of the replies
 
 #define RX_INFO(fmt, ...) DBG_INFO_AS("mcast_receive_mira", fmt __VA_OPT__(, ) __VA_ARGS__)
@@ -52,7 +53,7 @@ void store_local_address(const char* addr) {
 // interface has none.
 void current_local_address(char* out, size_t size) {
   char now[32] = {};
-  if (mira_net().local_address("eth0", now, sizeof(now)) == 0 && now[0] != '\0')
+  if (get_local_ip("eth0", now, sizeof(now)) == 0 && now[0] != '\0')
     store_local_address(now);
   std::lock_guard<std::mutex> lock(g_mu);
   copy_text(out, size, g_local_addr, sizeof(g_local_addr));
@@ -65,7 +66,7 @@ void send_reply(const uint8_t* frame, size_t len) {
   char local[32];
   current_local_address(local, sizeof(local));
   for (const char* group : wp::kReplyGroups)
-    mira_net().raw_send(local, wp::kPort, group, wp::kPort, frame, len);
+    ip_udp_send(local, wp::kPort, group, wp::kPort, frame, len);
 }
 
 // The request names this camera.
@@ -197,21 +198,10 @@ void handle_set(const uint8_t* datagram, size_t length) {
 }
 
 int set_int_opt(int fd, int level, int opt, int value) {
-  return setsockopt(fd, level, opt, &value, sizeof(value));
+  return net().setsockopt(fd, level, opt, &value, sizeof(value));
 }
 
 }  // namespace
-
-void get_device_type_code(char* out) {
-  std::lock_guard<std::mutex> lock(g_mu);
-  memcpy(out, g_type_code, kTypeCodeLen);
-}
-
-void set_device_type_code(const char* code) {
-  std::lock_guard<std::mutex> lock(g_mu);
-  memset(g_type_code, 0, sizeof(g_type_code));
-  copy_text(g_type_code, sizeof(g_type_code), code, kTypeCodeLen - 1);
-}
 
 const char* type_code_of_model(const char* model) {
   const char* dot = strchr(model, '.');
@@ -230,12 +220,11 @@ int init_search_mira_server() {
   char code[kTypeCodeLen];
   get_device_type_code(code);
   DBG_INFO("device_type_info: %s\n", code);
-  pthread_t tid;
-  if (pthread_create(&tid, nullptr, search_mira_func, nullptr) != 0) {
+  if (start_thread("search_mira_func", search_mira_func, nullptr) != 0) {
     DBG_ERR("create mira search thread failed\n");
     return -1;
   }
-  if (pthread_create(&tid, nullptr, param_mira_func, nullptr) != 0) {
+  if (start_thread("param_mira_func", param_mira_func, nullptr) != 0) {
     DBG_ERR("create mira param thread failed\n");
     return -1;
   }
@@ -244,7 +233,7 @@ int init_search_mira_server() {
 }
 
 int init_mcast_mira(int* sock, struct sockaddr_in* local, struct sockaddr_in* group) {
-  int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  int fd = net().socket(AF_INET, SOCK_DGRAM, 0);
   if (fd < 0) {
     DBG_ERR("socket failed\n");
     sys().exit_process(1);
@@ -258,7 +247,7 @@ int init_mcast_mira(int* sock, struct sockaddr_in* local, struct sockaddr_in* gr
   group->sin_addr.s_addr = inet_addr(wp::kRequestGroup);
   group->sin_port = htons(static_cast<uint16_t>(wp::kPort));
   // Bound first, address reuse only afterwards.
-  if (bind(fd, reinterpret_cast<struct sockaddr*>(local), sizeof(*local)) < 0) {
+  if (net().bind(fd, reinterpret_cast<struct sockaddr*>(local), sizeof(*local)) < 0) {
     DBG_ERR("bind failed\n");
     sys().exit_process(1);
   }
@@ -268,31 +257,25 @@ int init_mcast_mira(int* sock, struct sockaddr_in* local, struct sockaddr_in* gr
   }
   *sock = fd;
   auto fail = [&]() {
-    close(fd);
+    net().close(fd);
     *sock = -1;
     return -1;
   };
-  if (set_int_opt(fd, IPPROTO_IP, IP_MULTICAST_LOOP, 0) < 0) {
-    DBG_ERR("Set IP_MULTICAST_LOOP failed");
-    return fail();
-  }
-  if (set_int_opt(fd, IPPROTO_IP, IP_MULTICAST_TTL, 10) < 0) {
-    DBG_ERR("Set IP_MULTICAST_TTL failed\n");
+  const int options = set_mcast_loop_ttl(fd);
+  if (options != 0) {
+    // (The loop line has no line end.)
+    DBG_ERR(options == kMcastLoopFailed ? "Set IP_MULTICAST_LOOP failed"
+                                        : "Set IP_MULTICAST_TTL failed\n");
     return fail();
   }
   char ip[32] = {};
-  mira_net().local_address("eth0", ip, sizeof(ip));
+  get_local_ip("eth0", ip, sizeof(ip));
   store_local_address(ip);
   DBG_INFO("get_local_ip: %s\n", ip);
-  struct in_addr iface;
-  iface.s_addr = ip[0] != '\0' ? inet_addr(ip) : htonl(INADDR_ANY);
-  struct ip_mreq mreq;
-  memset(&mreq, 0, sizeof(mreq));
-  mreq.imr_multiaddr = group->sin_addr;
-  mreq.imr_interface = iface;
-  if (setsockopt(fd, IPPROTO_IP, IP_ADD_MEMBERSHIP, &mreq, sizeof(mreq)) < 0)
-    DBG_ERR("setsockopt failed\n");
-  if (setsockopt(fd, IPPROTO_IP, IP_MULTICAST_IF, &iface, sizeof(iface)) < 0) {
+  // A failed membership is only reported: the reply interface is set anyway.
+  const int joined = join_mcast_group(fd, group->sin_addr.s_addr, mcast_iface_of(ip), true);
+  if (joined & kMcastJoinFailed) DBG_ERR("setsockopt failed\n");
+  if (joined & kMcastIfFailed) {
     DBG_ERR("Setting IP_MULTICAST_IF error\n");
     return fail();
   }
@@ -302,7 +285,6 @@ int init_mcast_mira(int* sock, struct sockaddr_in* local, struct sockaddr_in* gr
 }
 
 void* search_mira_func(void*) {
-  discovery_thread_setup("search_mira_func");
   sys().sleep_us(kFirstOpenDelayUs);
   int sock = -1;
   struct sockaddr_in local, group;
@@ -324,8 +306,8 @@ int mira_serve_once(int sock, const char* thread, mira_handler handle) {
   struct sockaddr_in from;
   memset(&from, 0, sizeof(from));
   socklen_t from_len = sizeof(from);
-  ssize_t n =
-      recvfrom(sock, buf, sizeof(buf), 0, reinterpret_cast<struct sockaddr*>(&from), &from_len);
+  ssize_t n = net().recvfrom(sock, buf, sizeof(buf), 0, reinterpret_cast<struct sockaddr*>(&from),
+                             &from_len);
   if (n < 0) {
     DBG_ERR_AS(thread, "recvfrom failed\n");
     DBG_ERR_AS(thread, "recv: %d\n", static_cast<int>(n));

@@ -10,7 +10,6 @@
 
 #include "discovery/identity.h"
 
-inline constexpr size_t kTypeCodeLen = 32;
 inline constexpr const char* kTypeCodeHkw7 = "HKW7";
 inline constexpr const char* kTypeCodeDkw7 = "DKW7";
 inline constexpr const char* kDeviceName = "ORN Camera";
@@ -48,10 +47,8 @@ const char* type_code_of_model(const char* model);
 // Refreshes the type code from the device-type file; 0, or -1 when the file
 // gave nothing (the code is then unchanged).
 int get_device_type_info();
-// The type code ("HKW7", "DKW7", or empty while unknown), copied into out
-// (kTypeCodeLen bytes).
-void get_device_type_code(char* out);
-void set_device_type_code(const char* code);
+// The type code itself (get_device_type_code, set_device_type_code) is in
+// core/daemon_state.h: the search and relay threads share it.
 
 // Writes "/data/net.conf" from `settings` and points the resolver at its DNS.
 void update_network_mira(const net_info_t& settings);

@@ -10,8 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "core/daemon_state.h"
 #include "core/helpers.h"
-#include "core/upgrade.h"
 #include "fakes/fake_platform.h"
 
 namespace {

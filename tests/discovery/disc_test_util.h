@@ -1,6 +1,7 @@
 // Shared pieces of the discovery tests: a camera with a busybox network
-// listing, and endpoints on the loopback interface whose replies a test can
-// read back.
+// listing on the fake LAN, and endpoints on the camera's loopback whose
+// replies a test can read back. The socket helpers work on whatever network
+// is installed (the fake LAN, or the real one for the raw-socket test).
 #pragma once
 
 #include <arpa/inet.h>
@@ -16,12 +17,16 @@
 #include <string>
 #include <vector>
 
-#include "core/upgrade.h"
+#include "core/daemon_state.h"
+#include "core/network.h"
+#include "core/local_control.h"
+#include "core/text.h"
 #include "discovery/dhcp_status.h"
 #include "discovery/identity.h"
 #include "discovery/mcast.h"
 #include "discovery/command_auth.h"
 #include "discovery/mcast_upgrade.h"
+#include "fakes/fake_lan.h"
 #include "fakes/fake_platform.h"
 
 inline const std::string kDevId = "0123456789abcdef0123456789abcdef";
@@ -44,18 +49,26 @@ inline sockaddr_in loopback_addr(uint16_t port) {
   return a;
 }
 
+// A UDP socket of the camera's host bound to 127.0.0.1 (port picked).
 inline int bound_udp(sockaddr_in* out) {
-  int fd = socket(AF_INET, SOCK_DGRAM, 0);
+  int fd = net().socket(AF_INET, SOCK_DGRAM, 0);
   sockaddr_in a = loopback_addr(0);
-  bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof(a));
-  socklen_t len = sizeof(a);
-  getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
+  net().bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof(a));
+  if (FakeLan* lan = FakeLan::installed()) {
+    a = lan->address_of(fd);
+  } else {
+    socklen_t len = sizeof(a);
+    getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
+  }
   if (out != nullptr) *out = a;
   return fd;
 }
 
+inline void close_socket(int fd) { net().close(fd); }
+
 inline void send_text(int fd, const sockaddr_in& to, const std::string& data) {
-  sendto(fd, data.data(), data.size(), 0, reinterpret_cast<const sockaddr*>(&to), sizeof(to));
+  net().sendto(fd, data.data(), data.size(), 0, reinterpret_cast<const sockaddr*>(&to),
+               sizeof(to));
 }
 
 // The last n events the fake platform recorded (a reboot's tail, say).
@@ -68,9 +81,9 @@ inline std::vector<std::string> last_events(FakeCamera& cam, size_t n) {
 // Next datagram on fd within timeout_ms, or nothing.
 inline std::optional<std::string> recv_text(int fd, int timeout_ms = 300) {
   pollfd p{fd, POLLIN, 0};
-  if (poll(&p, 1, timeout_ms) <= 0) return std::nullopt;
+  if (net().poll(&p, 1, timeout_ms) <= 0) return std::nullopt;
   char buf[8192];
-  ssize_t n = recv(fd, buf, sizeof(buf), 0);
+  ssize_t n = net().recvfrom(fd, buf, sizeof(buf), 0, nullptr, nullptr);
   if (n < 0) return std::nullopt;
   return std::string(buf, static_cast<size_t>(n));
 }
@@ -99,8 +112,8 @@ struct LoopEndpoint {
     strcpy(ep.group, "127.0.0.1");
   }
   ~LoopEndpoint() {
-    if (sock.load() >= 0) close(sock.load());
-    close(tool);
+    if (sock.load() >= 0) close_socket(sock.load());
+    close_socket(tool);
   }
   // The tool sends a command to the camera socket.
   void send_to_camera(const std::string& data) const { send_text(tool, cam_addr, data); }
@@ -109,23 +122,68 @@ struct LoopEndpoint {
   }
 };
 
-// The daemon's records as at start-up, with this camera's identity.
+// An endpoint record as start-up fills it (its group and port, its socket
+// not yet open), and a tool on the fake LAN that listens on the group (it
+// does not hear its own datagrams) and sends to it.
+struct GroupEndpoint {
+  std::atomic<int> sock{-1};
+  std::atomic<int> sock6{-1};
+  sockaddr_in bind{}, group{};
+  sockaddr_in6 bind6{}, group6{};
+  mcast_endpoint ep;
+  int tool = -1;
+
+  explicit GroupEndpoint(const wire::group_port& gp) {
+    ep.sock = &sock;
+    ep.bind_addr = &bind;
+    ep.group_addr = &group;
+    ep.sock6 = &sock6;
+    ep.bind_addr6 = &bind6;
+    ep.group_addr6 = &group6;
+    ep.port = gp.port;
+    copy_text(ep.group, sizeof(ep.group), gp.group, strlen(gp.group));
+    FakeLan& lan = *FakeLan::installed();
+    tool = lan.udp(FakeLan::kTool, "0.0.0.0", gp.port);
+    lan.join(tool, gp.group);
+    int off = 0;
+    lan.setsockopt(tool, IPPROTO_IP, IP_MULTICAST_LOOP, &off, sizeof(off));
+  }
+  ~GroupEndpoint() {
+    if (sock.load() > 0) close_socket(sock.load());
+    close_socket(tool);
+  }
+  // The tool multicasts to the group.
+  void send_to_camera(const std::string& data) const {
+    sockaddr_in to{};
+    to.sin_family = AF_INET;
+    to.sin_addr.s_addr = inet_addr(ep.group);
+    to.sin_port = htons(static_cast<uint16_t>(ep.port));
+    send_text(tool, to, data);
+  }
+  std::optional<std::string> reply(int timeout_ms = 300) const {
+    return recv_text(tool, timeout_ms);
+  }
+};
+
+// The daemon's records as at start-up, with this camera's identity; the
+// multicast transfer and the command challenge forgotten.
 inline void reset_camera_state() {
   reset_daemon_state();
   fill_protocol_keywords();
   set_device_id(kDevId.c_str());
-  set_client_id("");
-  set_upgrade_client_id("");
-  set_mcast_upgrade_in_progress(0);
   reset_mcast_upgrade();
   reset_command_auth();
-  reset_ipv4_address_ready();
-  net_info_t zero{};
-  set_net_info(zero);
 }
 
-// A camera with an identity, a network listing and the keyword table.
+// The camera's local control service: a socket on its loopback port 1259.
+inline int local_control_service(FakeLan& lan) {
+  return lan.udp(FakeLan::kCamera, "127.0.0.1", kLocalControlPort);
+}
+
+// A camera with an identity, a network listing and the keyword table, on
+// the fake LAN.
 struct CameraFixtureBase {
+  FakeLan lan;
   FakeCamera cam;
   CameraFixtureBase() {
     reset_camera_state();

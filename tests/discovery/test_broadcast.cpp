@@ -15,13 +15,12 @@ struct Broadcast : CameraFixtureBase, ::testing::Test {
   int tool = -1;
   sockaddr_in cam_addr{};
   Broadcast() {
-    reset_production_mode();
     ctx.sock = bound_udp(&cam_addr);
     tool = bound_udp(&ctx.peer);
   }
   ~Broadcast() override {
-    close(ctx.sock);
-    close(tool);
+    close_socket(ctx.sock);
+    close_socket(tool);
   }
   int receive(const std::string& msg) { return broadcast_receive(&ctx, msg.c_str()); }
   // Replies are sent before broadcast_receive returns.
@@ -73,7 +72,7 @@ TEST_F(Broadcast, ReadsAtMost512BytesAndTerminatesThem) {
   send_text(sender, cam_addr, std::string(512, 'x') + "Discovery camera");
   EXPECT_EQ(broadcast_serve_once(&ctx), 0);
   EXPECT_FALSE(recv_text(sender, 0));
-  close(sender);
+  close_socket(sender);
 }
 
 }  // namespace

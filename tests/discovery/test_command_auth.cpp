@@ -39,7 +39,9 @@ TEST_F(KeyedCamera, SignedCommandsRunOnceUnsignedOrForeignNever) {
   wire::key_pair stranger = wire::generate_key_pair();
   for (const std::string& cmd : {confignet("10.0.0.66"),
                                  wire::sign_command(stranger.sec, confignet("10.0.0.66"), c1),
-                                 wire::sign_command(site.sec, confignet("10.0.0.66"), "0" + c1.substr(1)),
+                                 // another challenge (its first digit changed)
+                                 wire::sign_command(site.sec, confignet("10.0.0.66"),
+                                                    (c1[0] == '0' ? "1" : "0") + c1.substr(1)),
                                  wire::sign_command(site.sec, confignet("10.0.0.6"), c1).replace(
                                      confignet("10.0.0.6").size() - 1, 1, "7")}) {
     receive(cmd);
@@ -63,7 +65,6 @@ TEST_F(KeyedCamera, SignedCommandsRunOnceUnsignedOrForeignNever) {
 }
 
 TEST_F(KeyedCamera, UnsignedProtocolsChangeNothingButStillAnswerDiscovery) {
-  reset_production_mode();
   broadcast_ctx ctx;
   sockaddr_in cam_addr{};
   ctx.sock = bound_udp(&cam_addr);
@@ -77,8 +78,8 @@ TEST_F(KeyedCamera, UnsignedProtocolsChangeNothingButStillAnswerDiscovery) {
   broadcast_receive(&ctx, enable.c_str());
   EXPECT_EQ(production_mode_enable(), 0);
   EXPECT_GT(broadcast_receive(&ctx, "Discovery camera"), 0);
-  close(ctx.sock);
-  close(tool);
+  close_socket(ctx.sock);
+  close_socket(tool);
 }
 
 }  // namespace

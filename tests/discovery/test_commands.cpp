@@ -14,16 +14,11 @@ struct Commands : CameraFixtureBase, ::testing::Test {
   LoopEndpoint loop;
   int control = -1;  // the local control service
   Commands() {
-    sockaddr_in a;
-    control = bound_udp(&a);
-    set_local_control_port(ntohs(a.sin_port));
+    control = local_control_service(lan);
     cam.write("/customer/version_file", "v1.2.3\n");
     cam.write("/customer/device_model_file", "PTZ-X20\n");
   }
-  ~Commands() override {
-    set_local_control_port(kLocalControlPort);
-    close(control);
-  }
+  ~Commands() override { close_socket(control); }
   void receive(const std::string& d) { mcast_receive(&loop.ep, d.data(), d.size()); }
   std::optional<std::string> reply() { return loop.reply(); }
   std::optional<std::string> control_msg() { return recv_text(control, 100); }

@@ -1,3 +1,5 @@
+// The listener loop, the endpoints and their failures, the DHCP watcher and the
+// post-upgrade status report on the fake LAN; the raw sender on a real socket.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 
@@ -9,29 +11,12 @@
 
 namespace {
 
-// Re-opening an endpoint in tests: a fresh socket on 127.0.0.1, non-blocking
-// like init_mcast leaves it, replies still going to the tool.
-std::atomic<int> g_opens{0};
-std::atomic<int> g_switch_seen{-1};
-int reopen_on_loopback(mcast_endpoint* ep) {
-  ++g_opens;
-  g_switch_seen = mcast_search_switch().load() + mcast_batch_switch().load();
-  sockaddr_in a;
-  int fd = bound_udp(&a);
-  set_nonblocking(fd, 0);
-  ep->sock->store(fd);
-  return 0;
-}
-
 struct Listeners : CameraFixtureBase, ::testing::Test {
   LoopEndpoint loop;
   Listeners() {
-    g_opens = 0;
-    set_mcast_open_hook(reopen_on_loopback);
     mcast_search_switch() = 1;
     mcast_batch_switch() = 1;
   }
-  ~Listeners() override { set_mcast_open_hook(nullptr); }
   int once(size_t size, uint64_t pause) {
     return mcast_listen_once(&loop.ep, mcast_search_switch(), size, pause);
   }
@@ -78,14 +63,67 @@ TEST_F(Listeners, DropsWhileInstallingKeepsServingAMulticastUpgradeIdlesWhenOff)
   EXPECT_TRUE(loop.reply());
 }
 
+// init_mcast on the LAN: the options, the membership on eth0's address and
+// the outgoing interface, each reply multicast to the group.
+TEST_F(Listeners, EndpointOpensOnItsGroupAndRepliesToIt) {
+  GroupEndpoint search(wire::kSearchEndpoint);
+  ASSERT_EQ(mcast_open_endpoint(&search.ep), 0);
+  const int fd = search.sock.load();
+  EXPECT_TRUE(lan.member(fd, "239.255.255.251"));
+  EXPECT_EQ(lan.option(fd, SOL_SOCKET, SO_REUSEADDR), 1);
+  EXPECT_EQ(lan.option(fd, IPPROTO_IP, IP_MULTICAST_LOOP), 0);
+  EXPECT_EQ(lan.option(fd, IPPROTO_IP, IP_MULTICAST_TTL), 10);
+  EXPECT_TRUE(lan.nonblocking(fd));
+  EXPECT_EQ(lan.address_of(fd).sin_port, htons(8005));
+
+  search.send_to_camera("SEARCH * " + std::string(19, '-') + kCliId);
+  EXPECT_EQ(mcast_listen_once(&search.ep, mcast_search_switch(), kSearchDatagram, 0), 1);
+  auto r = search.reply();
+  ASSERT_TRUE(r);
+  EXPECT_EQ(r->rfind("REPLY OK ", 0), 0u);
+  const auto sent = lan.captured(8005);
+  ASSERT_EQ(sent.size(), 2u);
+  EXPECT_EQ(sent[1].from_ip(), "192.168.77.2");
+  EXPECT_EQ(sent[1].to_ip(), "239.255.255.251");
+}
+
+// Each step's failure line; a failed membership leaves the socket open.
+TEST_F(Listeners, EndpointFailuresAreReportedStepByStep) {
+  GroupEndpoint search(wire::kSearchEndpoint);
+  const std::pair<int, const char*> steps[] = {{IP_MULTICAST_LOOP, "Set IP_MULTICAST_LOOP failed\n"},
+                                               {IP_MULTICAST_TTL, "Set IP_MULTICAST_TTL failed\n"},
+                                               {IP_ADD_MEMBERSHIP, "setsockopt failed\n"}};
+  for (const auto& [opt, line] : steps) {
+    lan.fail_option(IPPROTO_IP, opt);
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(mcast_reopen_endpoint(&search.ep), -1) << line;
+    std::string err = testing::internal::GetCapturedStderr();
+    EXPECT_NE(err.find(line), std::string::npos) << err;
+    lan.fail_option(IPPROTO_IP, opt, false);
+  }
+  EXPECT_GT(search.sock.load(), 0) << "left open after a failed membership";
+  // A failed outgoing interface closes the socket and still counts as opened.
+  lan.fail_option(IPPROTO_IP, IP_MULTICAST_IF);
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(mcast_reopen_endpoint(&search.ep), 0);
+  EXPECT_NE(testing::internal::GetCapturedStderr().find("Setting IP_MULTICAST_IF error\n"),
+            std::string::npos);
+  EXPECT_EQ(search.sock.load(), -1);
+}
+
 TEST_F(Listeners, FailedSendReopensTheEndpoint) {
-  int old = loop.sock.exchange(-1);
-  close(old);
-  mcast_send_data(&loop.ep, "lost");
-  EXPECT_EQ(g_opens.load(), 1);
-  EXPECT_FALSE(loop.reply(100));
-  mcast_send_data(&loop.ep, "next");
-  EXPECT_EQ(loop.reply(), "next");
+  GroupEndpoint search(wire::kSearchEndpoint);
+  ASSERT_EQ(mcast_open_endpoint(&search.ep), 0);
+  const int old = search.sock.exchange(-1);
+  close_socket(old);
+  const int sockets = lan.open_sockets();
+  mcast_send_data(&search.ep, "lost");
+  EXPECT_FALSE(search.reply(100));
+  EXPECT_GT(search.sock.load(), 0);
+  EXPECT_NE(search.sock.load(), old);
+  EXPECT_EQ(lan.open_sockets(), sockets + 1);
+  mcast_send_data(&search.ep, "next");
+  EXPECT_EQ(search.reply(), "next");
 }
 
 TEST_F(Listeners, NetInfoRetriedForEverWithOneLineAt180) {
@@ -105,29 +143,49 @@ TEST_F(Listeners, NetInfoRetriedForEverWithOneLineAt180) {
   EXPECT_EQ(cam.platform().slept_us(), 200u * 1000000u);
 }
 
+// The two listeners' endpoints, open as the listeners leave them.
 struct DhcpWatcher : Listeners {
-  LoopEndpoint batch;
+  GroupEndpoint search{wire::kSearchEndpoint};
+  GroupEndpoint batch{wire::kBatchEndpoint};
+  int search_fd = -1, batch_fd = -1;
   DhcpWatcher() {
-    daemon_state.endpoints[0] = loop.ep;
+    mcast_open_endpoint(&search.ep);
+    mcast_open_endpoint(&batch.ep);
+    search_fd = search.sock.load();
+    batch_fd = batch.sock.load();
+    daemon_state.endpoints[0] = search.ep;
     daemon_state.endpoints[1] = batch.ep;
-    g_switch_seen = -1;
+  }
+  // Both sockets are new ones, joined to their groups.
+  bool reopened() const {
+    return search.sock.load() > 0 && search.sock.load() != search_fd && batch.sock.load() > 0 &&
+           batch.sock.load() != batch_fd && lan.member(search.sock.load(), "239.255.255.251") &&
+           lan.member(batch.sock.load(), "239.255.255.252");
   }
 };
 
 TEST_F(DhcpWatcher, DhcpAddressRecreatesBothSocketsBlocking) {
   cam.platform().on("cat /data/net.conf | grep dhcp", "dhcp=1\n");
   cam.write("/dev/dhcp_ok", "");
+  // During the pause both switches are off and both sockets gone.
+  int switches = -1, sockets = -1;
+  cam.platform().on_sleep([&](uint64_t us) {
+    if (us != 1000000) return;
+    switches = mcast_search_switch().load() + mcast_batch_switch().load();
+    sockets = (search.sock.load() > 0) + (batch.sock.load() > 0);
+  });
   check_dhcp_status();
-  EXPECT_EQ(g_opens.load(), 2);
-  EXPECT_EQ(g_switch_seen.load(), 0);  // both switches off while re-opening
+  EXPECT_EQ(switches, 0);
+  EXPECT_EQ(sockets, 0);
+  EXPECT_TRUE(reopened());
   EXPECT_EQ(mcast_search_switch().load(), 1);
   EXPECT_EQ(mcast_batch_switch().load(), 1);
-  for (const LoopEndpoint* e : {&loop, &batch}) {
-    int fl = fcntl(e->sock.load(), F_GETFL);
-    ASSERT_GE(fl, 0);
-    EXPECT_EQ(fl & O_NONBLOCK, 0);
-  }
+  EXPECT_FALSE(lan.nonblocking(search.sock.load()));
+  EXPECT_FALSE(lan.nonblocking(batch.sock.load()));
   EXPECT_EQ(cam.platform().events().back(), "sleep:1000000");
+  // The old sockets are closed: the LAN holds the loop endpoint's two, the
+  // two tools and the two new sockets.
+  EXPECT_EQ(lan.open_sockets(), 6);
 }
 
 TEST_F(DhcpWatcher, WaitsForTheMarkerAndEndsWithoutPipe) {
@@ -144,82 +202,83 @@ TEST_F(DhcpWatcher, WaitsForTheMarkerAndEndsWithoutPipe) {
   });
   check_dhcp_status();
   t.join();
-  EXPECT_EQ(g_opens.load(), 2);
+  EXPECT_TRUE(reopened());
 }
 
 TEST_F(DhcpWatcher, FailedPipeEndsTheThread) {
   cam.platform().popen_fails("cat /data/net.conf | grep dhcp");
   EXPECT_THROW(check_dhcp_status(), ThreadEnded);
-  EXPECT_EQ(g_opens.load(), 0);
+  EXPECT_EQ(search.sock.load(), search_fd);
+  EXPECT_EQ(batch.sock.load(), batch_fd);
 }
 
-struct StatusReport : Listeners {
-  StatusReport() {
+// A camera that reports after an upgrade on the status group; eth0 has no
+// address yet.
+struct StatusReportBeforeAddress : Listeners {
+  GroupEndpoint status{wire::kStatusEndpoint};
+  StatusReportBeforeAddress() {
     cam.write("/customer/version_file", "v2.0.0\n");
     cam.write("/customer/arm_version_file", "1\n");
-    mark_ipv4_address_ready();
   }
-  ~StatusReport() override { reset_ipv4_address_ready(); }
-  std::string confirm(const std::string& dev, const std::string& status) {
-    return "STATUS * \r\nDevice ID:" + dev + "\r\nClient ID:" + kCliId + "\r\n" + status;
+  std::string confirm(const std::string& dev, const std::string& state) {
+    return "STATUS * \r\nDevice ID:" + dev + "\r\nClient ID:" + kCliId + "\r\n" + state;
   }
+};
+
+struct StatusReport : StatusReportBeforeAddress {
+  StatusReport() { mark_ipv4_address_ready(); }
 };
 
 TEST_F(StatusReport, NotSentWhenConfirmedBeforeOrWithoutControllerRecord) {
   cam.write("/customer/upgrade_finish_flag", "");
-  mcast_upgrade_status_report(&loop.ep);
+  mcast_upgrade_status_report(&status.ep);
   remove(cam.path("/customer/upgrade_finish_flag").c_str());
   remove(cam.path("/customer/arm_version_file").c_str());
-  mcast_upgrade_status_report(&loop.ep);
-  EXPECT_EQ(g_opens.load(), 0);
-  EXPECT_FALSE(loop.reply(100));
+  mcast_upgrade_status_report(&status.ep);
+  EXPECT_EQ(status.sock.load(), -1) << "the endpoint was never opened";
+  EXPECT_FALSE(status.reply(100));
 }
 
 // Wrong confirmations (another camera, another status, another command)
 // leave it waiting: the right one is the last datagram it reads.
 TEST_F(StatusReport, SentOnceThenWaitsForTheRightConfirmation) {
-  std::thread reporter([&] { mcast_upgrade_status_report(&loop.ep); });
-  auto r = loop.reply(2000);
+  std::thread reporter([&] { mcast_upgrade_status_report(&status.ep); });
+  auto r = status.reply(2000);
   ASSERT_TRUE(r);
   EXPECT_EQ(*r, "STATUS * \r\nDevice ID:" + kDevId +
                     "\r\nMAC=02:00:00:00:00:01\r\nVERSION:v2.0.0\r\nStatus=1");
-  // Re-opened by the hook: the camera socket may have changed.
-  sockaddr_in a;
-  socklen_t len = sizeof(a);
-  getsockname(loop.sock.load(), reinterpret_cast<sockaddr*>(&a), &len);
   for (const std::string& d : {confirm(std::string(32, '9'), "Status=2"),
                                confirm(kDevId, "Status=1"), std::string("SEARCH * "),
                                confirm(kDevId, "Status=2")})
-    send_text(loop.tool, a, d);
+    status.send_to_camera(d);
   reporter.join();
-  EXPECT_FALSE(recv_text(loop.sock.load(), 0));  // nothing left unread
+  EXPECT_FALSE(recv_text(status.sock.load(), 0));  // nothing left unread
   EXPECT_TRUE(cam.platform().ran("touch /customer/upgrade_finish_flag"));
-  EXPECT_FALSE(loop.reply(100));  // the report is never repeated
+  EXPECT_FALSE(lan.member(status.sock.load(), "238.255.255.251")) << "the group is left";
+  EXPECT_FALSE(status.reply(100));  // the report is never repeated
 }
 
 // A DHCP camera boots without an address: the report goes out once the
 // watcher has seen DHCP's, not before (it would be lost, and the camera
 // would wait for a confirmation for ever).
-TEST_F(StatusReport, WaitsUntilDhcpHasGivenTheCameraItsAddress) {
-  reset_ipv4_address_ready();
-  LoopEndpoint search, batch;
+TEST_F(StatusReportBeforeAddress, WaitsUntilDhcpHasGivenTheCameraItsAddress) {
+  GroupEndpoint search(wire::kSearchEndpoint), batch(wire::kBatchEndpoint);
   daemon_state.endpoints[0] = search.ep;
   daemon_state.endpoints[1] = batch.ep;
   cam.platform().on("cat /data/net.conf | grep dhcp", "dhcp=1\n");
-  std::thread reporter([&] { mcast_upgrade_status_report(&loop.ep); });
-  EXPECT_FALSE(loop.reply(300));
+  std::thread reporter([&] { mcast_upgrade_status_report(&status.ep); });
+  EXPECT_FALSE(status.reply(300));
   cam.write("/dev/dhcp_ok", "");
   check_dhcp_status();
-  auto r = loop.reply(2000);
+  auto r = status.reply(2000);
   ASSERT_TRUE(r);
   EXPECT_NE(r->find("\r\nStatus=1"), std::string::npos);
-  sockaddr_in a;
-  socklen_t len = sizeof(a);
-  getsockname(loop.sock.load(), reinterpret_cast<sockaddr*>(&a), &len);
-  send_text(loop.tool, a, confirm(kDevId, "Status=2"));
+  status.send_to_camera(confirm(kDevId, "Status=2"));
   reporter.join();
 }
 
+// The real raw socket (no fake LAN installed): the hand-made headers carry
+// the datagram to a UDP socket.
 TEST(RawSender, HandMadeHeadersReachAUdpSocket) {
   int probe = socket(AF_INET, SOCK_RAW, IPPROTO_UDP);
   if (probe < 0) GTEST_SKIP() << "no raw sockets here";

@@ -77,10 +77,20 @@ int FakePlatform::shell_read(const std::string& cmd, char* buf, size_t max) {
   return static_cast<int>(n);
 }
 
-void FakePlatform::sleep_us(uint64_t usec) {
+void FakePlatform::on_sleep(std::function<void(uint64_t)> hook) {
   std::lock_guard<std::mutex> lock(mu_);
-  record("sleep:" + std::to_string(usec));
-  slept_ += usec;
+  sleep_hook_ = std::move(hook);
+}
+
+void FakePlatform::sleep_us(uint64_t usec) {
+  std::function<void(uint64_t)> hook;
+  {
+    std::lock_guard<std::mutex> lock(mu_);
+    record("sleep:" + std::to_string(usec));
+    slept_ += usec;
+    hook = sleep_hook_;
+  }
+  if (hook) hook(usec);
 }
 
 int FakePlatform::gettimeofday(struct timeval* tv) {

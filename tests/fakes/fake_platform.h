@@ -36,6 +36,9 @@ class FakePlatform : public Platform {
   // Called for every command after it is recorded (for side effects such as
   // creating the file a command would create).
   void on_command(std::function<void(const std::string&)> hook);
+  // Called for every sleep after it is recorded (to look at the daemon's
+  // state while it pauses).
+  void on_sleep(std::function<void(uint64_t)> hook);
 
   int shell(const std::string& cmd) override;
   int shell_status(const std::string& cmd) override;
@@ -85,6 +88,7 @@ class FakePlatform : public Platform {
   std::vector<std::string> events_;
   std::vector<std::string> commands_;
   std::function<void(const std::string&)> hook_;
+  std::function<void(uint64_t)> sleep_hook_;
   uint64_t slept_ = 0;
   int reboots_ = 0;
   int last_timeout_ = 0;

@@ -7,21 +7,21 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "core/upgrade.h"
+#include "core/daemon_state.h"
+#include "core/dbgout.h"
+#include "core/local_control.h"
+#include "core/network.h"
 #include "discovery/identity.h"
 #include "discovery/broadcast.h"
 #include "partner/search_mira.h"
 
 FuzzCamera::FuzzCamera() {
-  sockaddr_in a;
-  control = bound_udp(&a);
-  set_local_control_port(ntohs(a.sin_port));
+  control = local_control_service(lan);
   set_network_log_open(0);
 }
 
 FuzzCamera::~FuzzCamera() {
-  set_local_control_port(kLocalControlPort);
-  close(control);
+  close_socket(control);
 }
 
 FuzzCamera& fuzz_camera() {
@@ -43,7 +43,7 @@ void put_file(const std::string& path, const char* text) {
 
 void drain(int fd) {
   char buf[8192];
-  while (recv(fd, buf, sizeof(buf), MSG_DONTWAIT) > 0) {
+  while (net().recvfrom(fd, buf, sizeof(buf), MSG_DONTWAIT, nullptr, nullptr) > 0) {
   }
 }
 
@@ -54,13 +54,12 @@ FuzzCamera& reset_camera() {
   reset_camera_state();
   daemon_state.work_mode = WORK_NORMAL;
   set_upgrade_client_id("");
-  reset_production_mode();
-  set_device_type_code("");
   put_file(c.cam.path("/data/net.conf"), "dhcp=0\nipaddr=192.168.77.2\nmacaddr=02:00:00:00:00:01\n");
   put_file(c.cam.path("/etc/resolv.conf"), "nameserver 8.8.8.8\n");
   put_file(c.cam.path("/customer/version_file"), "V2.5.1\n");
   put_file(c.cam.path("/customer/device_model_file"), "K1.T\n");
   c.cam.platform().clear();
+  c.lan.clear_capture();
   drain(c.ep.tool);
   drain(c.control);
   return c;

@@ -7,8 +7,8 @@
 #include <set>
 
 #include "discovery/commands.h"
-#include "fakes/fake_flash.h"
 #include "harness.h"
+#include "sim/flash/flash_model.h"
 #include "wire/upgrade.h"
 
 namespace {
@@ -17,7 +17,7 @@ const std::string kDigest = "0123456789abcdef0123456789abcdef";
 
 // boot, env, kernel, rootfs: 16 KiB each in 4 KiB NAND blocks, the third
 // block of the kernel bad.
-void flash_and_table(FakeFlash& flash) {
+void flash_and_table(MemoryFlash& flash) {
   const char* names[] = {"\"boot\"", "\"env\"", "\"kernel\"", "\"rootfs\""};
   daemon_state.mtd_num = 4;
   for (int i = 0; i < 4; ++i) {
@@ -56,7 +56,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   reset_camera();
   c.cam.platform().on("/usr/bin/md5sum", kDigest + "  file\n");
   c.cam.platform().fork_result = 4242;  // installers' children are not run
-  std::optional<FakeFlash> flash(std::in_place);
+  std::optional<MemoryFlash> flash(std::in_place);
   flash_and_table(*flash);
   // First byte: debugging (bit 0); then the datagrams.
   daemon_state.work_mode = (data[0] & 1) ? WORK_DEBUG : WORK_NORMAL;

@@ -4,12 +4,13 @@
 // every text within its field.
 #include "core/helpers.h"
 #include "core/site_conf.h"
-#include "fakes/fake_flash.h"
+#include "core/upgrade.h"
 #include "harness.h"
+#include "sim/flash/flash_model.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   FuzzCamera& c = reset_camera();
-  FakeFlash flash;  // fw_env.config sums the sizes of the partitions before it
+  MemoryFlash flash;  // fw_env.config sums the sizes of the partitions before it
   flash.add_chain({0x10000, 0x20000}, 0x10000);
   const std::vector<std::string_view> p = split_pieces(data, size);
   c.cam.write("/customer/pid_list", piece(p, 0));

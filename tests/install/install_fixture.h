@@ -12,9 +12,9 @@
 #include <utility>
 #include <vector>
 
-#include "core/upgrade.h"
-#include "fakes/fake_flash.h"
+#include "core/daemon_state.h"
 #include "fakes/fake_platform.h"
+#include "sim/flash/flash_model.h"
 
 using Bytes = std::vector<uint8_t>;
 using testing::HasSubstr;
@@ -49,7 +49,7 @@ class InstallTest : public ::testing::Test {
   // Partitions (size, name) into daemon_state and a fake flash (the
   // fixture's unless another chip is given).
   void partitions(const std::vector<std::pair<uint32_t, std::string>>& parts, uint32_t erasesize,
-                  uint8_t type = kNor, FakeFlash* chip = nullptr) {
+                  uint8_t type = kNor, MemoryFlash* chip = nullptr) {
     std::vector<uint32_t> sizes;
     daemon_state.mtd_num = static_cast<int>(parts.size());
     for (size_t i = 0; i < parts.size(); ++i) {
@@ -65,12 +65,12 @@ class InstallTest : public ::testing::Test {
 
   // Boot-environment flags as fw_setenv would leave them (quotes around the
   // value removed); commands issued after a power cut never ran.
-  void track_env(FakePlatform* platform = nullptr, FakeFlash* chip = nullptr) {
+  void track_env(FakePlatform* platform = nullptr, MemoryFlash* chip = nullptr) {
     {
       std::lock_guard<std::mutex> lock(env_mu);
       env.clear();
     }
-    FakeFlash& f = chip != nullptr ? *chip : flash;
+    MemoryFlash& f = chip != nullptr ? *chip : flash;
     (platform != nullptr ? *platform : cam.platform()).on_command([this, &f](const std::string& cmd) {
       if (f.power_lost()) return;
       for (const std::string p : {"/dev/fw_setenv ", "/bin/fw_setenv "}) {
@@ -93,7 +93,7 @@ class InstallTest : public ::testing::Test {
   bool ran(const std::string& cmd) { return cam.platform().ran(cmd); }
 
   FakeCamera cam;
-  FakeFlash flash;
+  MemoryFlash flash;
   std::mutex env_mu;
   std::map<std::string, std::string> env;
 };

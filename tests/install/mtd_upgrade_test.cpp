@@ -31,7 +31,7 @@ class MtdUpgradeTest : public InstallTest {
     cam.platform().on("grep .img", name + "\n");
   }
   // Contents of the whole flash, partitions back to back.
-  Bytes whole(FakeFlash& chip) {
+  Bytes whole(MemoryFlash& chip) {
     Bytes all;
     for (size_t i = 0; i < kLayout.size(); ++i) {
       all.insert(all.end(), chip.data(static_cast<int>(i)).begin(),
@@ -40,7 +40,7 @@ class MtdUpgradeTest : public InstallTest {
     return all;
   }
   // Presets the partitions of `chip` with `img`, back to back.
-  void preset(FakeFlash& chip, const Bytes& img) {
+  void preset(MemoryFlash& chip, const Bytes& img) {
     for (size_t i = 0, at = 0; i < kLayout.size(); at += kLayout[i].first, ++i)
       std::copy_n(img.begin() + at, kLayout[i].first, chip.data(static_cast<int>(i)).begin());
   }
@@ -99,7 +99,7 @@ TEST_F(MtdUpgradeTest, PowerCutAtEveryOperationNeverShowsCompleteEarly) {
     int seen_one = 0, seen_none = 0;
     for (long k = 0; total < 0 || k <= total; ++k) {
       FakeCamera cam_k;
-      FakeFlash chip;
+      MemoryFlash chip;
       partitions(kLayout, kEb, chip_kind.type, &chip);
       chip.set_bad_map(3, chip_kind.rootfs_bad);
       preset(chip, Bytes(kFlashSize, 0x00));  // old firmware

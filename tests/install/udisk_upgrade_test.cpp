@@ -5,29 +5,19 @@
 #include <cstring>
 #include <filesystem>
 
+#include "core/local_control.h"
+#include "fakes/fake_lan.h"
 #include "install_fixture.h"
 #include "wire/signature.h"
 
 namespace {
 
-std::mutex g_sent_mu;
-std::vector<int> g_sent;
-
-void record_status(const unsigned char* buf, size_t len) {
-  ASSERT_EQ(kUdiskStatusLen, len);
-  const unsigned char head[4] = {0x81, 0x0A, 0x11, 0x5B};
-  EXPECT_EQ(0, std::memcmp(buf, head, 4));
-  EXPECT_EQ(0xFF, buf[5]);
-  std::lock_guard<std::mutex> lock(g_sent_mu);
-  g_sent.push_back(buf[4]);
-}
 
 class UdiskTest : public InstallTest {
  protected:
   void SetUp() override {
     InstallTest::SetUp();
-    previous_ = set_udisk_status_sender(record_status);
-    g_sent.clear();
+    control_ = lan.udp(FakeLan::kCamera, "127.0.0.1", kLocalControlPort);
     std::strcpy(daemon_state.device_model, "K1.x");
     partitions({{0x80000, "boot"}, {0x100000, "kernel"}, {0x80000, "data"}}, 0x10000);
     cam.platform().on("mount | grep /mnt/usb", "/dev/sda1 on /mnt/usb type vfat (rw)\n");
@@ -35,7 +25,19 @@ class UdiskTest : public InstallTest {
     cam.write("/dev/u_disk_upgrade_flag", "");
     track_env();
   }
-  void TearDown() override { set_udisk_status_sender(previous_); }
+  void TearDown() override { lan.close(control_); }
+  // The status bytes the local control service heard since the last call.
+  std::vector<int> statuses() {
+    std::vector<int> out;
+    while (auto d = lan.receive(control_)) {
+      EXPECT_EQ(kUdiskStatusLen, d->data.size());
+      if (d->data.size() != kUdiskStatusLen) continue;
+      EXPECT_EQ(std::string("\x81\x0A\x11\x5B", 4), d->data.substr(0, 4));
+      EXPECT_EQ('\xFF', d->data[5]);
+      out.push_back(static_cast<unsigned char>(d->data[4]));
+    }
+    return out;
+  }
   void again() {
     cam.platform().clear();
     cam.write("/dev/u_disk_upgrade_flag", "");
@@ -49,15 +51,15 @@ class UdiskTest : public InstallTest {
   }
   // The poll refused: status(es) sent, trigger removed, nothing else done.
   void expect_refused(const std::vector<int>& statuses) {
-    EXPECT_EQ(statuses, g_sent);
-    g_sent.clear();
+    EXPECT_EQ(statuses, this->statuses());
     EXPECT_TRUE(ran("rm -rf /dev/u_disk_upgrade_flag"));
     EXPECT_EQ(0, cam.platform().reboots());
     EXPECT_EQ(0, flash.operations());
     EXPECT_EQ(0, daemon_state.upgrade_busy.load());
   }
 
-  udisk_status_sender previous_ = nullptr;
+  FakeLan lan;
+  int control_ = -1;  // the local control service
 };
 
 TEST_F(UdiskTest, DifferentBootLoaderIsWrittenAndLoopEndsAtPartitionOne) {
@@ -66,7 +68,7 @@ TEST_F(UdiskTest, DifferentBootLoaderIsWrittenAndLoopEndsAtPartitionOne) {
   cam.write("/config_path/video.conf", "v");
   std::string out;
   EXPECT_EQ(1, poll(&out));
-  EXPECT_EQ(std::vector<int>{3}, g_sent);
+  EXPECT_EQ(std::vector<int>{3}, statuses());
   EXPECT_TRUE(Bytes(img.begin(), img.begin() + 0x80000) == flash.data(0));
   EXPECT_TRUE(Bytes(0x100000, 0xFF) == flash.data(1)) << "partition 1 is never touched";
   EXPECT_THAT(out, HasSubstr("exit mtdbug\n"));
@@ -96,7 +98,7 @@ TEST_F(UdiskTest, DifferentBootLoaderIsWrittenAndLoopEndsAtPartitionOne) {
 TEST_F(UdiskTest, RefusalsReportStatusTwoAndKeepWaiting) {
   std::remove(cam.path("/dev/u_disk_upgrade_flag").c_str());
   EXPECT_EQ(0, poll());  // no trigger: nothing at all
-  EXPECT_TRUE(g_sent.empty());
+  EXPECT_TRUE(statuses().empty());
   EXPECT_TRUE(cam.platform().commands().empty());
 
   cam.write("/dev/u_disk_upgrade_flag", "");
@@ -189,7 +191,7 @@ TEST_F(UdiskTest, UnsafeNamesAreRefusedWhateverElseMatches) {
 // Leaving the loop clears quiet: the end reaches the upgrade log even when
 // the partition it ends at silenced it.
 TEST_F(UdiskTest, UpgradeLogRecordsTheEndAfterAQuietPartition) {
-  FakeFlash chip;
+  MemoryFlash chip;
   partitions({{0x80000, "boot"}, {0x100000, "data"}}, 0x10000, kNor, &chip);
   cam.write("/mnt/usb/fw_K1.img", as_text(pattern(0x180000, 12)));
   EXPECT_EQ(1, poll());
@@ -209,7 +211,7 @@ TEST_F(UdiskTest, EraseOrWriteFailureRebootsAtOnce) {
   EXPECT_FALSE(ran("/bin/fw_setenv mode_type K1"));
 
   cam.platform().clear();
-  FakeFlash chip;
+  MemoryFlash chip;
   partitions({{0x80000, "boot"}, {0x100000, "kernel"}}, 0x10000, kNor, &chip);
   track_env(nullptr, &chip);
   chip.fail_write(0, 6);

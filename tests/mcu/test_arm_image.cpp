@@ -3,7 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "core/upgrade.h"
+#include "core/daemon_state.h"
 #include "sim/stm32/stm32_sim.h"
 #include "wire/file_name.h"
 #include "mcu_test_util.h"
@@ -65,7 +65,7 @@ TEST_F(CheckArmTest, FlashesTheImageWritesTheRecordAndReboots) {
   listing(kType1, "");
   int busy = -1;
   p().on_command([&](const std::string& cmd) {
-    if (cmd.rfind("/customer/arm_upgrade", 0) == 0) busy = daemon_state.upgrade_busy + 2 * arm_upgrade_flag;
+    if (cmd.rfind("/customer/arm_upgrade", 0) == 0) busy = daemon_state.upgrade_busy + 2 * daemon_state.arm_upgrade_flag;
   });
   CaptureStdout();
   check_arm(1);
@@ -127,7 +127,7 @@ TEST_F(CheckArmTest, NoImageOrAnUnsafeNameFlashesNothing) {
   EXPECT_THAT(GetCapturedStderr(), HasSubstr("not found upgrade file\n"));
   EXPECT_EQ(count("arm_upgrade"), 0u);
   EXPECT_EQ(p().reboots(), 0);
-  EXPECT_EQ(arm_upgrade_flag.load(), 0);
+  EXPECT_EQ(daemon_state.arm_upgrade_flag.load(), 0);
   EXPECT_EQ(daemon_state.upgrade_busy.load(), 0);
 }
 
@@ -143,7 +143,7 @@ TEST_F(CheckArmTest, ThreeFailedRunsLeaveNoRecordAndReturn) {
   EXPECT_EQ(count("arm_upgrade"), 3u);
   EXPECT_FALSE(cam.exists("/customer/arm_version_file"));
   EXPECT_EQ(p().reboots(), 0);
-  EXPECT_EQ(arm_upgrade_flag.load(), 0);
+  EXPECT_EQ(daemon_state.arm_upgrade_flag.load(), 0);
 }
 
 TEST_F(CheckArmTest, ParentWaitsAndRebootsForkOrRecordFailureEndsTheThread) {
@@ -155,7 +155,7 @@ TEST_F(CheckArmTest, ParentWaitsAndRebootsForkOrRecordFailureEndsTheThread) {
 
   p().fork_result = -1;
   EXPECT_THROW(check_arm(1), ThreadEnded);
-  EXPECT_EQ(arm_upgrade_flag.load(), 0);
+  EXPECT_EQ(daemon_state.arm_upgrade_flag.load(), 0);
 
   // A directory where the record goes: it can be neither opened nor written.
   p().fork_result = 0;
@@ -175,13 +175,13 @@ TEST_F(CheckArmTest, UpdateRecordsTheVersion) {
   cam.write("/customer/arm_version_file", "ARM: [10.20.30_1]");
   p().on("/bin/ls /dev/", "Y_ARM_V1.2_TYPE1.bin\nZ_ARM_V9.bin\n");
   EXPECT_EQ(update_arm_version(1), 0);
-  EXPECT_STREQ(arm_upgrade_file_name, "Y_ARM_V1.2_TYPE1.bin");
+  EXPECT_STREQ(daemon_state.arm_upgrade_file_name, "Y_ARM_V1.2_TYPE1.bin");
   EXPECT_EQ(cam.read("/customer/arm_version_file"), "ARM: [1.2_1]30_1]");
   std::filesystem::remove(cam.path("/customer/arm_version_file"));
 
   p().on("/bin/ls /dev/", "Y_ARM_V7.bin\n");
   EXPECT_EQ(update_arm_version(2), 0);  // the name only
-  EXPECT_STREQ(arm_upgrade_file_name, "Y_ARM_V7.bin");
+  EXPECT_STREQ(daemon_state.arm_upgrade_file_name, "Y_ARM_V7.bin");
   EXPECT_FALSE(cam.exists("/customer/arm_version_file"));
 
   p().on("/bin/ls /dev/", "");
@@ -189,7 +189,7 @@ TEST_F(CheckArmTest, UpdateRecordsTheVersion) {
 
   p().on("/bin/ls /dev/", std::string(300, 'a'));
   EXPECT_EQ(update_arm_version(1), 0);
-  EXPECT_EQ(std::string(arm_upgrade_file_name), std::string(127, 'a'));
+  EXPECT_EQ(std::string(daemon_state.arm_upgrade_file_name), std::string(127, 'a'));
   EXPECT_EQ(cam.read("/customer/arm_version_file"), "ARM: []");
 }
 

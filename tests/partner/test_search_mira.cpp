@@ -14,16 +14,16 @@ void receive(const std::vector<uint8_t>& f) { mcast_receive_mira(f.size(), f.dat
 TEST_F(Search, AnswersOnBothGroupsFromTheCamerasAddressAndPort) {
   model("S2T\n");
   receive(search_frame());
-  ASSERT_EQ(net.sent.size(), 2u);
-  EXPECT_EQ(net.sent[0].dst, "236.5.7.2");
-  EXPECT_EQ(net.sent[1].dst, "236.5.7.3");
-  for (const auto& s : net.sent) {
+  ASSERT_EQ(sent().size(), 2u);
+  EXPECT_EQ(sent()[0].dst, "236.5.7.2");
+  EXPECT_EQ(sent()[1].dst, "236.5.7.3");
+  for (const auto& s : sent()) {
     EXPECT_EQ(s.src, "192.168.77.2");
     EXPECT_EQ(s.src_port, 8000);
     EXPECT_EQ(s.dst_port, 8000);
-    EXPECT_EQ(s.payload, net.sent[0].payload);
+    EXPECT_EQ(s.payload, sent()[0].payload);
   }
-  auto r = wp::decode_search_reply(net.sent[0].payload.data(), net.sent[0].payload.size());
+  auto r = wp::decode_search_reply(sent()[0].payload.data(), sent()[0].payload.size());
   ASSERT_TRUE(r);
   EXPECT_EQ(r->device_id, kDevId);
   EXPECT_EQ(r->ip, 0xC0A84D02u);
@@ -40,14 +40,14 @@ TEST_F(Search, OddFramesAndForeignCommands) {
   receive(f);
   f.resize(512, 0xAA);
   receive(f);
-  EXPECT_EQ(net.sent.size(), 4u);
-  net.sent.clear();
+  EXPECT_EQ(sent().size(), 4u);
+  clear_sent();
 
   mcast_receive_mira(15, search_frame().data());  // shorter than the header
   auto other = search_frame();
   other[1] = 0x03;
   receive(other);
-  EXPECT_TRUE(net.sent.empty());
+  EXPECT_TRUE(sent().empty());
 }
 
 // "S2" is looked for before a single 'T'; a file that gives nothing keeps
@@ -74,11 +74,11 @@ TEST_F(Search, QueryAnswersOnlyAWholeFrameWithItsSerial) {
   auto cut = vec(wp::encode_net_query(kDevId));
   cut.resize(47);
   receive(cut);
-  EXPECT_TRUE(net.sent.empty());
+  EXPECT_TRUE(sent().empty());
 
   receive(vec(wp::encode_net_query(kDevId)));
-  ASSERT_EQ(net.sent.size(), 2u);
-  auto r = wp::decode_net_reply(net.sent[1].payload.data(), net.sent[1].payload.size());
+  ASSERT_EQ(sent().size(), 2u);
+  auto r = wp::decode_net_reply(sent()[1].payload.data(), sent()[1].payload.size());
   ASSERT_TRUE(r);
   EXPECT_EQ(r->connection_type, wp::kConnStatic);
   EXPECT_EQ(wp::ipv4_text(r->addr.gateway), "192.168.77.1");
@@ -95,8 +95,8 @@ wp::net_set_request dhcp_set(const std::string& serial) {
 
 TEST_F(Search, SetRewritesNetConfAnswersAndReboots) {
   receive(vec(wp::encode_net_set(dhcp_set(kDevId))));
-  ASSERT_EQ(net.sent.size(), 2u);
-  auto r = wp::decode_net_reply(net.sent[0].payload.data(), net.sent[0].payload.size());
+  ASSERT_EQ(sent().size(), 2u);
+  auto r = wp::decode_net_reply(sent()[0].payload.data(), sent()[0].payload.size());
   ASSERT_TRUE(r);
   EXPECT_EQ(r->connection_type, wp::kConnDhcp);
   EXPECT_EQ(r->dhcp, 1u);
@@ -118,7 +118,7 @@ TEST_F(Search, KeyedCameraRefusesSetsItCannotAuthenticate) {
   cam.write("/customer/keys/site.pub", wire::format_public_key(wire::generate_key_pair().pub));
   const std::string before = cam.read("/data/net.conf");
   receive(vec(wp::encode_net_set(dhcp_set(kDevId))));
-  EXPECT_TRUE(net.sent.empty());
+  EXPECT_TRUE(sent().empty());
   EXPECT_EQ(cam.read("/data/net.conf"), before);
   EXPECT_EQ(cam.platform().reboots(), 0);
 }
@@ -132,7 +132,7 @@ TEST_F(Search, SetRefusedForOtherCamerasShortFramesAndUnknownTypes) {
   auto pppoe = dhcp_set(kDevId);
   pppoe.connection_type = 1;
   receive(vec(wp::encode_net_set(pppoe)));
-  EXPECT_TRUE(net.sent.empty());
+  EXPECT_TRUE(sent().empty());
   EXPECT_EQ(cam.read("/data/net.conf"), before);
   EXPECT_EQ(cam.platform().reboots(), 0);
 }
@@ -145,10 +145,10 @@ TEST_F(Search, ServesWhatArrivesCutAt512Bytes) {
   f.resize(600, 0x55);
   send_text(tool, cam_addr, std::string(f.begin(), f.end()));
   EXPECT_EQ(search_mira_serve_once(sock), 512);
-  EXPECT_EQ(net.sent.size(), 2u);
+  EXPECT_EQ(sent().size(), 2u);
   EXPECT_EQ(cam.platform().events().back(), "sleep:300000");
-  close(sock);
-  close(tool);
+  close_socket(sock);
+  close_socket(tool);
 }
 
 }  // namespace

@@ -8,7 +8,7 @@
 
 #include "core/upgrade.h"
 #include "fakes/fake_platform.h"
-#include "fakes/fake_flash.h"
+#include "sim/flash/flash_model.h"
 
 namespace {
 
@@ -90,7 +90,7 @@ TEST_F(StartupConfig, KillAndDeleteLists) {
 }
 
 TEST_F(StartupConfig, BootEnvironmentLocatesTheFirstUnerasedByte) {
-  FakeFlash flash;  // the partitions before the environment's
+  MemoryFlash flash;  // the partitions before the environment's
   flash.add_chain({0x80000, 0x40000}, 0x10000);
   cam.write("/etc/fw_env.config",
             "# device offset size sector\n"
@@ -120,7 +120,7 @@ TEST_F(StartupConfig, BootEnvironmentFailures) {
 }
 
 TEST_F(StartupConfig, BootEnvironmentLongLinesAndDevicesAreCut) {
-  FakeFlash flash;
+  MemoryFlash flash;
   // 200 bytes of comment arrive in two reads; the tail is not a valid line.
   cam.write("/etc/fw_env.config", "#" + std::string(200, 'c') + "\n" +
                                       "/dev/mtdblock_with_a_long_name7 0x0 0x1000 0x1000\n" +

@@ -1,8 +1,15 @@
-// An in-memory flash behind the MtdDevices seam, modelled on NOR and NAND
-// chips: erased bytes read 0xFF, programming can only clear bits, bad blocks
-// refuse erase and program, and faults can be injected per block.
+// The one flash model behind the MtdDevices seam (install/mtd_debug.h),
+// written after NOR and NAND chips: erased bytes read 0xFF, programming can
+// only clear bits (NAND programs whole pages only), a bad block refuses erase
+// and program on NAND (other types only report it), faults can be injected
+// per block, and the power can be cut after the k-th erase or program.
 //
-//   FakeFlash flash;                      // installs itself, restores on exit
+// Two faces keep the bytes: memory (MemoryFlash, for unit tests and
+// benchmarks) and regular files (sim/flash/file_flash.h, for the sandbox:
+// the bytes of "/dev/mtdN" live in that camera file and outlive the process).
+// The camera's own build links neither.
+//
+//   MemoryFlash flash;                    // installs itself, restores on exit
 //   flash.add("/dev/mtd0", 0x80000, 0x10000);            // NOR
 //   flash.add("/dev/mtd1", 0x100000, 0x20000, kNand, 2048);
 //   flash.set_bad_map(1, "...B....");     // one character per erase block
@@ -19,28 +26,33 @@
 
 #include "install/mtd_debug.h"
 
-inline constexpr uint8_t kNor = 3;   // MTD_NORFLASH
-inline constexpr uint8_t kNand = 4;  // MTD_NANDFLASH
+inline constexpr uint8_t kNor = MTD_NORFLASH;
+inline constexpr uint8_t kNand = MTD_NANDFLASH;
 
-class FakeFlash : public MtdDevices {
+class FlashModel : public MtdDevices {
  public:
-  FakeFlash();
-  ~FakeFlash() override;
-  FakeFlash(const FakeFlash&) = delete;
-  FakeFlash& operator=(const FakeFlash&) = delete;
+  FlashModel() = default;
+  FlashModel(const FlashModel&) = delete;
+  FlashModel& operator=(const FlashModel&) = delete;
 
-  // Adds a device (erased: all 0xFF); returns its index.
+  // Adds a device kept in memory (erased: all 0xFF); returns its index.
   int add(const std::string& path, uint32_t size, uint32_t erasesize, uint8_t type = kNor,
           uint32_t writesize = 1);
   // Adds /dev/mtd0.. with the given sizes, all with the same erase size and type.
   void add_chain(const std::vector<uint32_t>& sizes, uint32_t erasesize, uint8_t type = kNor);
+  // Adds a device whose bytes are the camera file `path` itself: created
+  // when missing and extended with 0xFF to `size` when opened.
+  int add_file(const std::string& path, uint32_t size, uint32_t erasesize, uint8_t type,
+               uint32_t writesize);
+  // Paths the model does not hold: ENOENT, or with `on` the kernel's devices.
+  void pass_unknown_to_kernel(bool on) { locked([&] { pass_unknown_ = on; }); }
 
-  // Contents (the test may read or preset them freely).
+  // Contents of a memory device (the test may read or preset them freely).
   std::vector<uint8_t>& data(int dev) { return dev_.at(dev).bytes; }
 
-  // Bad blocks: 'B' bad, anything else good; "..B." marks block 2. On NAND a
-  // bad block refuses erase and program; other types only report it.
+  // Bad blocks: 'B' bad, anything else good; "..B." marks block 2.
   void set_bad_map(int dev, const std::string& map);
+  void mark_bad(int dev, uint32_t block) { locked([&] { dev_.at(dev).bad.at(block) = true; }); }
   // Erased blocks since the last reset_counters(): 'E' erased, '.' not.
   std::string erase_map(int dev) const;
 
@@ -92,7 +104,8 @@ class FakeFlash : public MtdDevices {
   struct Device {
     std::string path;
     mtd_info_user info{};
-    std::vector<uint8_t> bytes;
+    bool in_file = false;        // the bytes are the camera file `path`
+    std::vector<uint8_t> bytes;  // memory devices
     std::vector<bool> bad;
     std::vector<bool> erased;
     std::set<uint32_t> erase_fail, write_fail, read_fail;
@@ -103,24 +116,39 @@ class FakeFlash : public MtdDevices {
   struct Handle {
     int dev;
     uint64_t pos;
+    int file_fd;  // the open camera file of a file device, else -1
   };
   template <typename F>
   auto locked(F f) const -> decltype(f()) {
     std::lock_guard<std::mutex> lock(mu_);
     return f();
   }
+  int add_device(Device d, uint32_t size, uint32_t erasesize, uint8_t type, uint32_t writesize);
   // Counts one mutating operation; false once the power is gone.
   bool powered_op();
   Device* dev_of(int fd, Handle** h);
+  // The bytes of a device, in memory or in its file.
+  bool load(const Device& d, const Handle& h, uint64_t at, uint8_t* buf, size_t n) const;
+  bool store(Device& d, const Handle& h, uint64_t at, const uint8_t* buf, size_t n);
 
   mutable std::mutex mu_;
   std::vector<Device> dev_;
   std::map<int, Handle> fds_;
   int next_fd_ = 1000;
+  bool pass_unknown_ = false;
   std::vector<std::string> open_fail_;
   bool info_fail_ = false, badq_fail_ = false, close_fail_ = false;
   long cut_after_ = -1;
   bool lost_ = false;
   long ops_ = 0, erases_ = 0, programmed_ = 0, read_ = 0;
+};
+
+// The in-memory face: installs itself as the flash for its lifetime.
+class MemoryFlash : public FlashModel {
+ public:
+  MemoryFlash() { previous_ = set_mtd_devices(this); }
+  ~MemoryFlash() override { set_mtd_devices(previous_); }
+
+ private:
   MtdDevices* previous_ = nullptr;
 };

@@ -1,8 +1,12 @@
+// The flash model's file face: the sandbox's description file and the
+// flash bytes in regular files, under the same rules as the memory face.
+#include <gtest/gtest.h>
+
 #include <memory>
 
+#include "fakes/fake_platform.h"
 #include "install/mtd_debug.h"
-#include "install/mtd_file_backend.h"
-#include "install_fixture.h"
+#include "sim/flash/file_flash.h"
 
 namespace {
 

@@ -34,6 +34,7 @@ import math
 import os
 import shlex
 import signal
+import statistics
 import subprocess
 import sys
 import tempfile
@@ -209,7 +210,7 @@ def norm_run(lan, work, norm, src, want, rate_mbit, extra, timeout):
     name = "site.pkg"
     recvs = [lan.spawn(ns, [norm, "recv", "--iface", "eth0", "--addr", GROUP, "--port", PORT,
                             "--dir", d, "--name", name, "--size", size, "--id", i,
-                            "--silence", 15, "--linger", 2])
+                            "--silence", 15, "--linger", 5])
              for i, (ns, d) in enumerate(zip(lan.rx, dirs), 1)]
     time.sleep(0.5)
     t0 = time.monotonic()
@@ -245,6 +246,7 @@ def norm_run(lan, work, norm, src, want, rate_mbit, extra, timeout):
         "nacks": c["rx_nack"][0], "acks": c["rx_ack"][0], "feedback": c["rx_all"][0],
         "dropped": c["dropped"][0],
         "grtt_ms": s.get("grtt_ms", "?"),
+        "ack_rounds": s.get("ack_rounds", "?"),
         "outcomes": ",".join(sorted(set(outcomes))),
         "err": err.strip().splitlines()[-3:] if err.strip() and not s.get("ok") == "1" else [],
     }
@@ -271,7 +273,7 @@ def uftp_run(lan, work, src, want, rate_mbit, timeout):
     for p in recvs:
         lan.stop(p, timeout=2)
     c = lan.counters()
-    passes = sum(1 for line in err.splitlines() if "Sending file" in line or "pass" in line.lower())
+    passes = sum(1 for line in err.splitlines() if "Starting pass" in line)
     return {
         "complete": complete(dirs, src.name, want),
         "acked": "-",
@@ -283,6 +285,21 @@ def uftp_run(lan, work, src, want, rate_mbit, timeout):
         "passes": passes,
         "log": err,
     }
+
+
+def summary(results, base, n, size):
+    """Medians over the runs of each tool and loss; completion is the worst run."""
+    med = statistics.median
+    print(f"# summary: medians of the runs; x lossless against the median lossless run of the same tool")
+    print(f"# {'tool':5} {'loss%':>5} {'runs':>4} {'worst complete':>14} {'secs':>6} {'x lossless':>10} "
+          f"{'bytes/file':>10} {'repair':>6} {'NACKs':>5} {'load':>5}")
+    for (tool, loss), fs in results.items():
+        nacks = med(f["nacks"] for f in fs)
+        b = med(x["secs"] for x in base[tool]) if tool in base else float("nan")
+        print(f"  {tool:5} {loss:5g} {len(fs):4} {min(f['complete'] for f in fs):>10}/{n:<3} "
+              f"{med(f['secs'] for f in fs):6.2f} {med(f['secs'] for f in fs) / b:10.2f} "
+              f"{med(f['bytes'] for f in fs) / size:10.3f} {med(f['repair'] for f in fs):6.3f} "
+              f"{nacks if nacks >= 0 else '-':>5} {med(f['load'] for f in fs):5.1f}")
 
 
 def main():
@@ -322,36 +339,43 @@ def main():
             print(f"# {'tool':5} {'loss%':>5} {'run':>3} {'complete':>8} {'acked':>6} {'secs':>6} "
                   f"{'x lossless':>10} {'bytes/file':>10} {'repair':>6} {'beyond':>6} {'NACKs':>5} "
                   f"{'fdbk':>5} {'frags':>5} {'drops':>6} {'load':>5} extra")
-            base = {}
+            base, results = {}, {}
             tools = [t for t in ("norm", "uftp") if a.only in (None, t)]
-            for tool in tools:
+            # Tools and losses interleaved, so that the machine's load falls
+            # on all of them alike.
+            for r in range(1, a.runs + 1):
                 for loss in losses:
-                    for r in range(1, a.runs + 1):
+                    for tool in tools:
                         lan.set_loss(loss * 10)
                         ld = load()
                         if tool == "norm":
                             f = norm_run(lan, work, a.norm, src, want, a.rate, a.norm_args, a.timeout)
                             extra = f"first_pass={f['first_pass']:.2f}s grtt={f['grtt_ms']}ms " \
-                                    f"cmd={f['cmd_pkts']} rx={f['outcomes']}"
+                                    f"ack_rounds={f['ack_rounds']} cmd={f['cmd_pkts']} rx={f['outcomes']}"
                             if f["err"]:
                                 extra += " err=" + " | ".join(f["err"])
                         else:
                             f = uftp_run(lan, work, src, want, a.rate, a.timeout)
                             f["beyond_source"] = f["pkts"] - math.ceil(size / SEGMENT)
-                            extra = f"pass-lines={f['passes']}"
+                            extra = f"passes={f['passes']}"
                             if a.uftp_log:
                                 print(f["log"])
-                        if loss == 0 and tool not in base:
-                            base[tool] = f
+                        if loss == 0:
+                            base.setdefault(tool, []).append(f)
                         b = base.get(tool)
-                        ratio = f["secs"] / b["secs"] if b else float("nan")
-                        repair = (f["pkts"] - b["pkts"]) / f["pkts"] if b else float("nan")
+                        b_secs = statistics.median(x["secs"] for x in b) if b else float("nan")
+                        b_pkts = statistics.median(x["pkts"] for x in b) if b else float("nan")
+                        ratio = f["secs"] / b_secs
+                        repair = (f["pkts"] - b_pkts) / f["pkts"]
+                        f.update(ratio=ratio, repair=repair, load=float(ld))
+                        results.setdefault((tool, loss), []).append(f)
                         nacks = f["nacks"] if f["nacks"] >= 0 else "-"
                         print(f"  {tool:5} {loss:5g} {r:3} {f['complete']:>4}/{a.receivers:<3} "
                               f"{f['acked']:>6} {f['secs']:6.2f} {ratio:10.2f} "
                               f"{f['bytes'] / size:10.3f} {repair:6.3f} {f['beyond_source']:6} "
                               f"{nacks:>5} {f['feedback']:5} {f['frags']:5} {f['dropped']:6} {ld:>5} "
                               f"{extra}", flush=True)
+            summary(results, base, a.receivers, size)
         except KeyboardInterrupt:
             print("interrupted", file=sys.stderr)
         finally:

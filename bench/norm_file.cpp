@@ -239,6 +239,10 @@ int send_main(const Options& o)
     NormSetTxRate(s.session, o.number("rate", 50e6));
     NormSetCongestionControl(s.session, false);
     NormSetGrttEstimate(s.session, o.number("grtt", 0.01));
+    NormSetGrttMax(s.session, o.number("grtt-max", 0.05));
+    // FEC object information in NORM_INFO only (16 bytes less per data
+    // packet) unless --full-info.
+    NormLimitObjectInfo(s.session, !o.has("full-info"));
     NormSetGrttProbingMode(s.session, probing(o.text("probe", "passive")));
     NormSetBackoffFactor(s.session, o.number("backoff", 2));
     NormSetGroupSize(s.session, static_cast<unsigned>(o.number("group-size", 200)));
@@ -265,6 +269,8 @@ int send_main(const Options& o)
     NormSetWatermark(s.session, obj, true);
 
     std::optional<double> sent_at, done_at;
+    int rounds = 1;
+    const int max_rounds = static_cast<int>(o.number("ack-rounds", 4));
     while (!done_at) {
         double left = timeout - seconds_since(t0);
         if (left <= 0)
@@ -278,6 +284,14 @@ int send_main(const Options& o)
                 sent_at = seconds_since(t0);
             break;
         case NORM_TX_WATERMARK_COMPLETED:
+            // A receiver still busy with the file (or whose acknowledgements
+            // were all lost) is asked again; those that answered are not.
+            if (!acks.empty() && NormGetAckingStatus(s.session, NORM_NODE_ANY) != NORM_ACK_SUCCESS &&
+                rounds < max_rounds) {
+                ++rounds;
+                NormResetWatermark(s.session);
+                break;
+            }
             done_at = seconds_since(t0);
             break;
         default:
@@ -297,10 +311,10 @@ int send_main(const Options& o)
         }
     }
     bool ok = done_at && (acks.empty() || acked == acks.size());
-    std::printf("mode=send ok=%d size=%lld first_pass_s=%.3f done_s=%.3f acked=%u/%zu missing=%s "
+    std::printf("mode=send ok=%d size=%lld first_pass_s=%.3f done_s=%.3f acked=%u/%zu ack_rounds=%d missing=%s "
                 "grtt_ms=%.2f segment=%u block=%u parity=%u auto_parity=%u\n",
                 ok ? 1 : 0, static_cast<long long>(st.st_size), sent_at.value_or(-1),
-                done_at.value_or(-1), acked, acks.size(), missing.empty() ? "-" : missing.c_str(),
+                done_at.value_or(-1), acked, acks.size(), rounds, missing.empty() ? "-" : missing.c_str(),
                 NormGetGrttEstimate(s.session) * 1000.0, segment, block, parity, auto_parity);
     std::fflush(stdout);
     NormStopSender(s.session);
@@ -441,8 +455,10 @@ void usage()
                  "usage: norm_file send --file PATH [--name NAME] [--iface IF] [--addr GROUP] [--port N]\n"
                  "                      [--rate BITS/S] [--segment 1400] [--block 128] [--parity 32]\n"
                  "                      [--auto-parity 0] [--acks 1-20|none] [--grtt 0.01]\n"
+                 "                      [--grtt-max 0.05] [--full-info]\n"
                  "                      [--probe passive|active|none] [--backoff 2] [--group-size 200]\n"
-                 "                      [--robust 20] [--buffer BYTES] [--timeout 300] [--id 1000]\n"
+                 "                      [--robust 20] [--ack-rounds 4] [--buffer BYTES] [--timeout 300]\n"
+                 "                      [--id 1000]\n"
                  "       norm_file recv --dir DIR --name NAME --size BYTES --id N [--iface IF]\n"
                  "                      [--addr GROUP] [--port N] [--silence 10] [--linger 3]\n"
                  "                      [--silent] [--buffer BYTES]\n");

@@ -148,6 +148,18 @@ table ip tally {{
         self.procs.append(p)
         return p
 
+    def wait(self, p, timeout):
+        """Waits for a process this rig started; its CPU seconds (user and
+        system), or None when it was still running at the timeout."""
+        end = time.monotonic() + timeout
+        while time.monotonic() < end:
+            pid, status, ru = os.wait4(p.pid, os.WNOHANG)
+            if pid == p.pid:
+                p.returncode = os.waitstatus_to_exitcode(status)
+                return ru.ru_utime + ru.ru_stime
+            time.sleep(0.02)
+        return None
+
     def stop(self, p, timeout=5):
         """Ends one process this rig started (its own process group)."""
         if p.poll() is None:
@@ -218,10 +230,7 @@ def norm_run(lan, work, norm, src, want, rate_mbit, extra, timeout):
                               "--file", src, "--name", name, "--rate", rate_mbit * 1e6,
                               "--segment", SEGMENT, "--acks", f"1-{len(lan.rx)}",
                               "--timeout", timeout] + shlex.split(extra))
-    try:
-        snd.wait(timeout + 10)
-    except subprocess.TimeoutExpired:
-        pass
+    cpu = lan.wait(snd, timeout + 10)
     wall = time.monotonic() - t0
     out, err = lan.stop(snd)
     s = keyvals(out.strip().splitlines()[-1]) if out.strip() else {}
@@ -237,6 +246,7 @@ def norm_run(lan, work, norm, src, want, rate_mbit, extra, timeout):
         "complete": complete(dirs, name, want),
         "acked": s.get("acked", "?"),
         "secs": float(s.get("done_s", -1)) if s.get("done_s") else wall,
+        "cpu": cpu if cpu is not None else float("nan"),
         "first_pass": float(s.get("first_pass_s", -1)),
         "pkts": c["tx_all"][0], "bytes": c["tx_all"][1],
         "data_pkts": c["tx_data"][0],
@@ -264,10 +274,7 @@ def uftp_run(lan, work, src, want, rate_mbit, timeout):
     snd = lan.spawn(lan.lan, ["uftp", "-R", int(rate_mbit * 1000), "-I", "br0", "-b", SEGMENT,
                               "-H", ",".join(uids), "-B", 4 * 1024 * 1024, "-S", "@LOG",
                               "-x", "2", src])
-    try:
-        snd.wait(timeout)
-    except subprocess.TimeoutExpired:
-        pass
+    cpu = lan.wait(snd, timeout)
     wall = time.monotonic() - t0
     _, err = lan.stop(snd)
     for p in recvs:
@@ -278,6 +285,7 @@ def uftp_run(lan, work, src, want, rate_mbit, timeout):
         "complete": complete(dirs, src.name, want),
         "acked": "-",
         "secs": wall, "first_pass": -1,
+        "cpu": cpu if cpu is not None else float("nan"),
         "pkts": c["tx_all"][0], "bytes": c["tx_all"][1],
         "frags": c["tx_frag"][0],
         "nacks": -1, "acks": -1, "feedback": c["rx_all"][0],
@@ -292,14 +300,14 @@ def summary(results, base, n, size):
     med = statistics.median
     print(f"# summary: medians of the runs; x lossless against the median lossless run of the same tool")
     print(f"# {'tool':5} {'loss%':>5} {'runs':>4} {'worst complete':>14} {'secs':>6} {'x lossless':>10} "
-          f"{'bytes/file':>10} {'repair':>6} {'NACKs':>5} {'load':>5}")
+          f"{'bytes/file':>10} {'repair':>6} {'NACKs':>5} {'cpu s':>5} {'load':>5}")
     for (tool, loss), fs in results.items():
         nacks = med(f["nacks"] for f in fs)
         b = med(x["secs"] for x in base[tool]) if tool in base else float("nan")
         print(f"  {tool:5} {loss:5g} {len(fs):4} {min(f['complete'] for f in fs):>10}/{n:<3} "
               f"{med(f['secs'] for f in fs):6.2f} {med(f['secs'] for f in fs) / b:10.2f} "
               f"{med(f['bytes'] for f in fs) / size:10.3f} {med(f['repair'] for f in fs):6.3f} "
-              f"{nacks if nacks >= 0 else '-':>5} {med(f['load'] for f in fs):5.1f}")
+              f"{nacks if nacks >= 0 else '-':>5} {med(f['cpu'] for f in fs):5.2f} {med(f['load'] for f in fs):5.1f}")
 
 
 def main():
@@ -338,7 +346,7 @@ def main():
                   f"norm_file {a.norm_args or '(defaults)'}")
             print(f"# {'tool':5} {'loss%':>5} {'run':>3} {'complete':>8} {'acked':>6} {'secs':>6} "
                   f"{'x lossless':>10} {'bytes/file':>10} {'repair':>6} {'beyond':>6} {'NACKs':>5} "
-                  f"{'fdbk':>5} {'frags':>5} {'drops':>6} {'load':>5} extra")
+                  f"{'fdbk':>5} {'frags':>5} {'drops':>6} {'cpu s':>5} {'load':>5} extra")
             base, results = {}, {}
             tools = [t for t in ("norm", "uftp") if a.only in (None, t)]
             # Tools and losses interleaved, so that the machine's load falls
@@ -373,7 +381,7 @@ def main():
                         print(f"  {tool:5} {loss:5g} {r:3} {f['complete']:>4}/{a.receivers:<3} "
                               f"{f['acked']:>6} {f['secs']:6.2f} {ratio:10.2f} "
                               f"{f['bytes'] / size:10.3f} {repair:6.3f} {f['beyond_source']:6} "
-                              f"{nacks:>5} {f['feedback']:5} {f['frags']:5} {f['dropped']:6} {ld:>5} "
+                              f"{nacks:>5} {f['feedback']:5} {f['frags']:5} {f['dropped']:6} {f['cpu']:5.2f} {ld:>5} "
                               f"{extra}", flush=True)
             summary(results, base, a.receivers, size)
         except KeyboardInterrupt:

@@ -34,7 +34,7 @@ build() {  # name source link-mode libs...
   name=$1 src=$2 mode=$3
   shift 3
   # shellcheck disable=SC2086
-  $cxx $flags $mode "$src" -I"$root/usr/include" "$@" -o "$out/$name" \
+  $cxx $flags $mode "$src" -isystem "$root/usr/include" "$@" -o "$out/$name" \
     -Wl,-Map="$out/$name.map" 2>"$out/$name.log" || { cat "$out/$name.log"; exit 1; }
   $strip -o "$out/$name.s" "$out/$name"
   stat -c %s "$out/$name.s"

@@ -11,10 +11,12 @@
 // libnorm's; this program only configures it and handles the file.
 //
 // The settings, and why (all can be changed on the command line):
-// - segment 1400 bytes: NORM's data header with the FEC payload ID and the
-//   FEC object information extension is at most 48 bytes, so a packet is
-//   1400 + 48 + 8 (UDP) + 20 (IP) = 1476 bytes, under a 1500-byte LAN MTU:
-//   no IP fragments, so one lost frame costs one segment.
+// - segment 1400 bytes: a NORM data packet carries at most 48 bytes of
+//   NORM header, so it is at most 1400 + 48 + 8 (UDP) + 20 (IP) = 1476
+//   bytes, under a 1500-byte LAN MTU: no IP fragments (fragmentation is
+//   also switched off on the socket), so one lost frame costs one segment.
+// - FEC object information (size, segment, block) in NORM_INFO only, not in
+//   every data packet: 16 bytes less per packet (--full-info puts it back).
 // - block 128 segments, 32 parity segments computed per block (8-bit
 //   Reed-Solomon, 160 <= 255): a block is 175 KiB. One parity segment repairs
 //   a different lost segment at every receiver, so the repair a block needs
@@ -28,10 +30,11 @@
 // - fixed rate (--rate bits/s), congestion control off: a site upgrade runs
 //   on a LAN whose capacity the technician chooses; the same rate is given
 //   to the tool this is compared with.
-// - GRTT: initial estimate 10 ms (a LAN; libnorm's default of 0.5 s would
-//   make the first repair rounds wait seconds), measured afterwards by
-//   passive probing: receivers answer probes only inside their NACKs, so a
-//   receiver with nothing missing sends nothing until the final
+// - GRTT: initial estimate 10 ms and at most 50 ms (a LAN; libnorm's
+//   defaults, 0.5 s and 10 s, would make repair rounds wait seconds, and a
+//   receiver that is slow to answer inflates the measured value), measured
+//   by passive probing: receivers answer probes only inside their NACKs, so
+//   a receiver with nothing missing sends nothing until the final
 //   acknowledgement.
 // - backoff factor 2 (default 4) and group size as given (default 200, the
 //   largest site expected): NACK timers are random within backoff * GRTT
@@ -40,9 +43,11 @@
 // - acknowledgement: with --acks the sender lists the receivers' node IDs
 //   and sets a watermark on the file: after the file it asks each listed
 //   receiver for a positive acknowledgement (repeated up to the robust
-//   factor, 20) and knows which ones have every byte. With --acks none it
-//   only flushes (NORM_NODE_NONE): receivers stay silent unless they miss
-//   something, and the sender ends when a full flush drew no NACK.
+//   factor, 20, then asked again up to --ack-rounds times, only of those
+//   that have not answered) and knows which ones have every byte. With
+//   --acks none it only flushes (NORM_NODE_NONE): receivers stay silent
+//   unless they miss something, and the sender ends when a full flush drew
+//   no NACK, without knowing who has the file.
 // - buffers: the sender keeps the parity state of 8 MiB of blocks (the
 //   whole 16 MiB file at 32 parity per 128 segments is 3.3 MiB), so repairs
 //   never recompute parity; a receiver keeps 4 MiB of incomplete blocks.

@@ -30,12 +30,16 @@
 // - fixed rate (--rate bits/s), congestion control off: a site upgrade runs
 //   on a LAN whose capacity the technician chooses; the same rate is given
 //   to the tool this is compared with.
-// - GRTT: initial estimate 10 ms and at most 50 ms (a LAN; libnorm's
-//   defaults, 0.5 s and 10 s, would make repair rounds wait seconds, and a
-//   receiver that is slow to answer inflates the measured value), measured
-//   by passive probing: receivers answer probes only inside their NACKs, so
-//   a receiver with nothing missing sends nothing until the final
-//   acknowledgement.
+// - GRTT (the group round-trip time that scales every NACK, repair and
+//   acknowledgement timer): initial estimate 10 ms and at most 20 ms, a LAN;
+//   libnorm's defaults (0.5 s, at most 10 s) would make each repair round
+//   wait seconds, and a receiver slow to answer (a busy camera) inflates the
+//   measured value. Measured by active probing: receivers answer the
+//   sender's probes with acknowledgements that are themselves suppressed
+//   group-wise (a few packets per probe, not one per receiver). Passive
+//   probing (--probe passive: answers only inside NACKs, so a receiver with
+//   nothing missing is silent until the final acknowledgement) measured a
+//   worse GRTT on the loaded rig and slower repair tails.
 // - backoff factor 2 (default 4) and group size as given (default 200, the
 //   largest site expected): NACK timers are random within backoff * GRTT
 //   and shaped by the group size, so a receiver that hears another's NACK
@@ -244,11 +248,11 @@ int send_main(const Options& o)
     NormSetTxRate(s.session, o.number("rate", 50e6));
     NormSetCongestionControl(s.session, false);
     NormSetGrttEstimate(s.session, o.number("grtt", 0.01));
-    NormSetGrttMax(s.session, o.number("grtt-max", 0.05));
+    NormSetGrttMax(s.session, o.number("grtt-max", 0.02));
     // FEC object information in NORM_INFO only (16 bytes less per data
     // packet) unless --full-info.
     NormLimitObjectInfo(s.session, !o.has("full-info"));
-    NormSetGrttProbingMode(s.session, probing(o.text("probe", "passive")));
+    NormSetGrttProbingMode(s.session, probing(o.text("probe", "active")));
     NormSetBackoffFactor(s.session, o.number("backoff", 2));
     NormSetGroupSize(s.session, static_cast<unsigned>(o.number("group-size", 200)));
     NormSetTxRobustFactor(s.session, static_cast<int>(o.number("robust", 20)));
@@ -460,8 +464,8 @@ void usage()
                  "usage: norm_file send --file PATH [--name NAME] [--iface IF] [--addr GROUP] [--port N]\n"
                  "                      [--rate BITS/S] [--segment 1400] [--block 128] [--parity 32]\n"
                  "                      [--auto-parity 0] [--acks 1-20|none] [--grtt 0.01]\n"
-                 "                      [--grtt-max 0.05] [--full-info]\n"
-                 "                      [--probe passive|active|none] [--backoff 2] [--group-size 200]\n"
+                 "                      [--grtt-max 0.02] [--full-info]\n"
+                 "                      [--probe active|passive|none] [--backoff 2] [--group-size 200]\n"
                  "                      [--robust 20] [--ack-rounds 4] [--buffer BYTES] [--timeout 300]\n"
                  "                      [--id 1000]\n"
                  "       norm_file recv --dir DIR --name NAME --size BYTES --id N [--iface IF]\n"

@@ -3,8 +3,9 @@
 # bench/norm_file.cpp (a NORM file receiver and sender) and an empty program
 # with the camera's cross compiler and -Os, links Debian's armhf libnorm.a
 # and libprotokit.a statically, strips them and prints the sizes: once with
-# the C++ runtime shared (as the daemon is linked) and once fully static.
-# Prints figures only.
+# the C++ runtime shared (as the daemon is linked) and once fully static;
+# and, when the armhf preset is built, the camera daemon stripped as it is
+# and relinked with libnorm. Prints figures only.
 #
 #   bench/norm_armhf_size.sh [SCRATCH_DIR]     (default /tmp/norm-armhf)
 #
@@ -60,3 +61,34 @@ arm-linux-gnueabihf-readelf -d "$out/norm-shared" | sed -n 's/.*Shared library: 
 echo
 arm-linux-gnueabihf-size "$out/norm-shared" | tail -1 | awk '{printf "norm_file (shared runtime): text %d data %d bss %d bytes\n", $1, $2, $3}'
 grep -h 'warning' "$out"/norm-static.log | sed 's/^.*warning: /static link warning: /' | sort -u || true
+
+# The camera daemon itself, relinked with libnorm (the receiver's entry
+# points kept referenced, as the transfer's glue would), when the armhf
+# preset has been built.
+arm=$top/build/armhf
+deps=$top/.deps/armhf/usr/lib/arm-linux-gnueabihf
+if [ -f "$arm/upgrade" ] && [ -f "$arm/CMakeFiles/upgrade.dir/core/main.cpp.o" ]; then
+  cat > "$out/glue.cpp" <<'EOF2'
+#include <normApi.h>
+extern "C" void* norm_glue_refs[];
+void* norm_glue_refs[] = {
+    (void*)&NormCreateInstance, (void*)&NormCreateSession, (void*)&NormSetMulticastInterface,
+    (void*)&NormSetCacheDirectory, (void*)&NormStartReceiver, (void*)&NormGetNextEvent,
+    (void*)&NormGetDescriptor, (void*)&NormFileRename, (void*)&NormObjectGetSize,
+    (void*)&NormObjectCancel, (void*)&NormObjectGetInfo, (void*)&NormFileGetName,
+    (void*)&NormSetRxSocketBuffer, (void*)&NormStopReceiver, (void*)&NormDestroySession,
+    (void*)&NormDestroyInstance};
+EOF2
+  $cxx $flags -c "$out/glue.cpp" -isystem "$root/usr/include" -o "$out/glue.o"
+  $cxx -Os "$arm/CMakeFiles/upgrade.dir/core/main.cpp.o" "$out/glue.o" -Wl,--undefined=norm_glue_refs \
+    -o "$out/upgrade-norm" "$arm/libupgrade_daemon.a" "$arm/libwire.a" "$deps/libsodium.a" \
+    "$deps/libuuid.a" $norm
+  $strip -o "$out/upgrade.s" "$arm/upgrade"
+  $strip -o "$out/upgrade-norm.s" "$out/upgrade-norm"
+  d=$(stat -c %s "$out/upgrade.s")
+  dn=$(stat -c %s "$out/upgrade-norm.s")
+  printf 'armhf daemon stripped %d B (%d KiB); with libnorm %d B (%d KiB): +%d B\n' \
+    "$d" $((d / 1024)) "$dn" $((dn / 1024)) $((dn - d))
+else
+  echo "(build the armhf preset for the daemon's own figures)"
+fi

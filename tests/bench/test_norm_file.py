@@ -185,3 +185,30 @@ class TestAcknowledgement:
         assert (rc, s["ok"], s["acked"]) == (0, "1", "0/0")
         assert site.finish(recv)[1]["outcome"] == "complete"
         assert digest(site.dirs[0] / "site.pkg") == digest(site.src)
+
+
+class TestOptions:
+    @pytest.mark.parametrize("extra", [
+        ["--acks", "0"], ["--acks", "3-1"], ["--acks", "1-x"],
+        ["--auto-parity", "40", "--parity", "32"], ["--block", "240", "--parity", "32"],
+        ["--rate", "fast"], ["--file", "/nonexistent"], ["--probe", "loud"], ["stray"]])
+    def test_a_bad_sender_option_ends_before_anything_is_sent(self, site, lan, extra):
+        rc, s = site.finish(site.send("1", *extra), timeout=5)
+        assert (rc, s) == (2, {})
+        assert lan.counters()["tx_all"][0] == 0
+
+    @pytest.mark.parametrize("extra", [["--size", "-1"], ["--id", "0"], ["--silence", "soon"]])
+    def test_a_bad_receiver_option_ends_at_once(self, site, extra):
+        rc, r = site.finish(site.recv(1, "site.pkg", None, *extra), timeout=5)
+        assert (rc, r) == (2, {})
+        assert list(site.dirs[0].iterdir()) == []
+
+
+class TestLossyLan:
+    def test_loss_is_per_port_at_the_configured_rate_and_only_when_asked(self, site, lan):
+        for per_mille, low, high in ((0, 0, 0), (100, 0.07, 0.13)):
+            lan.set_loss(per_mille)
+            rc, _ = site.finish(site.send("none", "--robust", 3))
+            c = lan.counters()
+            copies = c["tx_data"][0] * RECEIVERS  # one copy of each packet per port
+            assert rc == 0 and low <= c["dropped"][0] / copies <= high

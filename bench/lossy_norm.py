@@ -18,7 +18,8 @@ the sender. Per run it prints: receivers complete (file whole and equal),
 the sender's total time (start to the end of its session: for NORM, every
 listed receiver acknowledged; for uftp, its exit), bytes on the wire / file
 size, the repair share (packets beyond the same tool's lossless run, over
-all its packets), NACKs and the machine's load.
+all its packets), NACKs, the CPU seconds of the sender and of the average
+receiver (what a camera would spend) and the machine's load.
 
     sudo bench/lossy_norm.py [--receivers 20] [--mib 16] [--loss 0,0.1,1,3]
          [--rate 50] [--runs 1] [--only norm|uftp] [--norm-args "..."]
@@ -150,30 +151,32 @@ table ip tally {{
 
     def wait(self, p, timeout):
         """Waits for a process this rig started; its CPU seconds (user and
-        system), or None when it was still running at the timeout."""
+        system, also kept as p.cpu), or None when it still runs at the timeout."""
+        if p.returncode is not None:
+            return getattr(p, "cpu", None)
         end = time.monotonic() + timeout
-        while time.monotonic() < end:
+        while True:
             pid, status, ru = os.wait4(p.pid, os.WNOHANG)
             if pid == p.pid:
                 p.returncode = os.waitstatus_to_exitcode(status)
-                return ru.ru_utime + ru.ru_stime
+                p.cpu = ru.ru_utime + ru.ru_stime
+                return p.cpu
+            if time.monotonic() >= end:
+                return None
             time.sleep(0.02)
-        return None
 
     def stop(self, p, timeout=5):
-        """Ends one process this rig started (its own process group)."""
-        if p.poll() is None:
-            try:
-                os.killpg(p.pid, signal.SIGTERM)
-                p.wait(timeout)
-            except (ProcessLookupError, subprocess.TimeoutExpired):
+        """Ends one process this rig started (its own process group); its
+        output and error text."""
+        if self.wait(p, 0) is None:
+            for sig in (signal.SIGTERM, signal.SIGKILL):
                 try:
-                    os.killpg(p.pid, signal.SIGKILL)
+                    os.killpg(p.pid, sig)
                 except ProcessLookupError:
                     pass
-                p.wait()
-        out, err = p.communicate()
-        return out, err
+                if self.wait(p, timeout) is not None:
+                    break
+        return p.communicate()
 
     def close(self):
         for p in self.procs:
@@ -235,11 +238,9 @@ def norm_run(lan, work, norm, src, want, rate_mbit, extra, timeout):
     out, err = lan.stop(snd)
     s = keyvals(out.strip().splitlines()[-1]) if out.strip() else {}
     for p in recvs:
-        try:
-            p.wait(20)
-        except subprocess.TimeoutExpired:
-            pass
+        lan.wait(p, 20)
     outcomes = [keyvals(lan.stop(p)[0].strip() or "x=1").get("outcome", "?") for p in recvs]
+    rx_cpu = [getattr(p, "cpu", float("nan")) for p in recvs]
     c = lan.counters()
     source_segments = math.ceil(size / SEGMENT)
     return {
@@ -247,6 +248,7 @@ def norm_run(lan, work, norm, src, want, rate_mbit, extra, timeout):
         "acked": s.get("acked", "?"),
         "secs": float(s.get("done_s", -1)) if s.get("done_s") else wall,
         "cpu": cpu if cpu is not None else float("nan"),
+        "rx_cpu": statistics.mean(rx_cpu),
         "first_pass": float(s.get("first_pass_s", -1)),
         "pkts": c["tx_all"][0], "bytes": c["tx_all"][1],
         "data_pkts": c["tx_data"][0],
@@ -279,6 +281,7 @@ def uftp_run(lan, work, src, want, rate_mbit, timeout):
     _, err = lan.stop(snd)
     for p in recvs:
         lan.stop(p, timeout=2)
+    rx_cpu = [getattr(p, "cpu", float("nan")) for p in recvs]
     c = lan.counters()
     passes = sum(1 for line in err.splitlines() if "Starting pass" in line)
     return {
@@ -286,6 +289,7 @@ def uftp_run(lan, work, src, want, rate_mbit, timeout):
         "acked": "-",
         "secs": wall, "first_pass": -1,
         "cpu": cpu if cpu is not None else float("nan"),
+        "rx_cpu": statistics.mean(rx_cpu),
         "pkts": c["tx_all"][0], "bytes": c["tx_all"][1],
         "frags": c["tx_frag"][0],
         "nacks": -1, "acks": -1, "feedback": c["rx_all"][0],
@@ -300,14 +304,14 @@ def summary(results, base, n, size):
     med = statistics.median
     print(f"# summary: medians of the runs; x lossless against the median lossless run of the same tool")
     print(f"# {'tool':5} {'loss%':>5} {'runs':>4} {'worst complete':>14} {'secs':>6} {'x lossless':>10} "
-          f"{'bytes/file':>10} {'repair':>6} {'NACKs':>5} {'cpu s':>5} {'load':>5}")
+          f"{'bytes/file':>10} {'repair':>6} {'NACKs':>5} {'cpu s':>5} {'rx cpu':>6} {'load':>5}")
     for (tool, loss), fs in results.items():
         nacks = med(f["nacks"] for f in fs)
         b = med(x["secs"] for x in base[tool]) if tool in base else float("nan")
         print(f"  {tool:5} {loss:5g} {len(fs):4} {min(f['complete'] for f in fs):>10}/{n:<3} "
               f"{med(f['secs'] for f in fs):6.2f} {med(f['secs'] for f in fs) / b:10.2f} "
               f"{med(f['bytes'] for f in fs) / size:10.3f} {med(f['repair'] for f in fs):6.3f} "
-              f"{nacks if nacks >= 0 else '-':>5} {med(f['cpu'] for f in fs):5.2f} {med(f['load'] for f in fs):5.1f}")
+              f"{nacks if nacks >= 0 else '-':>5} {med(f['cpu'] for f in fs):5.2f} {med(f['rx_cpu'] for f in fs):6.2f} {med(f['load'] for f in fs):5.1f}")
 
 
 def main():
@@ -346,7 +350,7 @@ def main():
                   f"norm_file {a.norm_args or '(defaults)'}")
             print(f"# {'tool':5} {'loss%':>5} {'run':>3} {'complete':>8} {'acked':>6} {'secs':>6} "
                   f"{'x lossless':>10} {'bytes/file':>10} {'repair':>6} {'beyond':>6} {'NACKs':>5} "
-                  f"{'fdbk':>5} {'frags':>5} {'drops':>6} {'cpu s':>5} {'load':>5} extra")
+                  f"{'fdbk':>5} {'frags':>5} {'drops':>6} {'cpu s':>5} {'rx cpu':>6} {'load':>5} extra")
             base, results = {}, {}
             tools = [t for t in ("norm", "uftp") if a.only in (None, t)]
             # Tools and losses interleaved, so that the machine's load falls
@@ -381,7 +385,7 @@ def main():
                         print(f"  {tool:5} {loss:5g} {r:3} {f['complete']:>4}/{a.receivers:<3} "
                               f"{f['acked']:>6} {f['secs']:6.2f} {ratio:10.2f} "
                               f"{f['bytes'] / size:10.3f} {repair:6.3f} {f['beyond_source']:6} "
-                              f"{nacks:>5} {f['feedback']:5} {f['frags']:5} {f['dropped']:6} {f['cpu']:5.2f} {ld:>5} "
+                              f"{nacks:>5} {f['feedback']:5} {f['frags']:5} {f['dropped']:6} {f['cpu']:5.2f} {f['rx_cpu']:6.2f} {ld:>5} "
                               f"{extra}", flush=True)
             summary(results, base, a.receivers, size)
         except KeyboardInterrupt:

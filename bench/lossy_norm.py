@@ -25,6 +25,10 @@ receiver (what a camera would spend) and the machine's load.
          [--rate 50] [--runs 1] [--only norm|uftp] [--norm-args "..."]
          [--norm build/host-release/bench/norm_file]
 
+Options for norm_file's sender go in one argument, for example
+--norm-args=--boost (its protocol thread at real-time priority, which keeps
+its pacing on a busy machine) or --norm-args="--auto-parity 2".
+
 Needs root, nftables, uftp (uftp, uftpd) and a build of norm_file.
 """
 

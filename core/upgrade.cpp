@@ -1,4 +1,4 @@
-// Start-up (Part 1.1): the command line, the site lists, the boot
+// Start-up: the command line, the site lists, the boot
 // environment and partition table, the endpoint records, the service threads
 // and the accept loop.
 #include "core/upgrade.h"

@@ -88,26 +88,37 @@ inline std::optional<std::string> recv_text(int fd, int timeout_ms = 300) {
   return std::string(buf, static_cast<size_t>(n));
 }
 
-// An endpoint whose socket ("the camera") is bound on 127.0.0.1 and whose
-// group address is the tool socket, so replies land on `tool`.
-struct LoopEndpoint {
+// An endpoint record linked to the storage start-up gives it: its sockets
+// and addresses.
+struct EndpointStorage {
   std::atomic<int> sock{-1};
   std::atomic<int> sock6{-1};
-  sockaddr_in bind{}, group{}, cam_addr{}, tool_addr{};
+  sockaddr_in bind{}, group{};
   sockaddr_in6 bind6{}, group6{};
   mcast_endpoint ep;
   int tool = -1;
 
-  LoopEndpoint() {
-    sock = bound_udp(&cam_addr);
-    tool = bound_udp(&tool_addr);
-    group = tool_addr;
+  EndpointStorage() {
     ep.sock = &sock;
     ep.bind_addr = &bind;
     ep.group_addr = &group;
     ep.sock6 = &sock6;
     ep.bind_addr6 = &bind6;
     ep.group_addr6 = &group6;
+  }
+  EndpointStorage(const EndpointStorage&) = delete;
+  EndpointStorage& operator=(const EndpointStorage&) = delete;
+};
+
+// An endpoint whose socket ("the camera") is bound on 127.0.0.1 and whose
+// group address is the tool socket, so replies land on `tool`.
+struct LoopEndpoint : EndpointStorage {
+  sockaddr_in cam_addr{}, tool_addr{};
+
+  LoopEndpoint() {
+    sock = bound_udp(&cam_addr);
+    tool = bound_udp(&tool_addr);
+    group = tool_addr;
     ep.port = ntohs(cam_addr.sin_port);
     strcpy(ep.group, "127.0.0.1");
   }
@@ -125,21 +136,8 @@ struct LoopEndpoint {
 // An endpoint record as start-up fills it (its group and port, its socket
 // not yet open), and a tool on the fake LAN that listens on the group (it
 // does not hear its own datagrams) and sends to it.
-struct GroupEndpoint {
-  std::atomic<int> sock{-1};
-  std::atomic<int> sock6{-1};
-  sockaddr_in bind{}, group{};
-  sockaddr_in6 bind6{}, group6{};
-  mcast_endpoint ep;
-  int tool = -1;
-
+struct GroupEndpoint : EndpointStorage {
   explicit GroupEndpoint(const wire::group_port& gp) {
-    ep.sock = &sock;
-    ep.bind_addr = &bind;
-    ep.group_addr = &group;
-    ep.sock6 = &sock6;
-    ep.bind_addr6 = &bind6;
-    ep.group_addr6 = &group6;
     ep.port = gp.port;
     copy_text(ep.group, sizeof(ep.group), gp.group, strlen(gp.group));
     FakeLan& lan = *FakeLan::installed();

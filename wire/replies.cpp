@@ -1,4 +1,5 @@
 #include "wire/replies.h"
+#include "wire/upgrade.h"
 
 #include <cstdlib>
 
@@ -58,7 +59,7 @@ std::optional<upgrade_ack> parse_upgrade_ack(std::string_view text) {
   const std::string* ack = field(f, "Ack");
   if (ack == nullptr || ack->size() != 1) return std::nullopt;
   return upgrade_ack{field_or_empty(f, "Client ID"), field_or_empty(f, "Device ID"), (*ack)[0],
-                     field_or_empty(f, "Reason")};
+                     field_or_empty(f, "Reason"), read_transfer_answer(text)};
 }
 
 std::optional<status_report> parse_status_report(std::string_view text) {

@@ -27,6 +27,8 @@ struct upgrade_ack {
   std::string client_id, device_id;
   char code = 0;
   std::string reason;  // "Reason:" after a '6' from a keyed camera ("signature")
+  // A '0' that took the NORM offer: the camera's NORM node ID.
+  std::optional<uint32_t> norm_node;
 };
 std::optional<upgrade_ack> parse_upgrade_ack(std::string_view text);
 

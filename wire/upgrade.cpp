@@ -53,6 +53,83 @@ announced_fields read_announcement(std::string_view msg) {
   return f;
 }
 
+std::string transfer_offer_field(const norm_offer& o) {
+  char buf[64];
+  snprintf(buf, sizeof(buf), "\r\n%s%s %u.%u.%u.%u:%u", kTransferKey, kTransferNorm,
+           (o.group >> 24) & 0xffu, (o.group >> 16) & 0xffu, (o.group >> 8) & 0xffu, o.group & 0xffu,
+           static_cast<unsigned>(o.port));
+  return buf;
+}
+
+namespace {
+
+// Reads 1..max_digits decimal digits at `at` into `out` (no sign, no spaces).
+bool take_number(std::string_view s, size_t& at, size_t max_digits, uint64_t& out) {
+  size_t n = 0;
+  out = 0;
+  while (at < s.size() && n < max_digits && s[at] >= '0' && s[at] <= '9') {
+    out = out * 10 + static_cast<uint64_t>(s[at] - '0');
+    ++at;
+    ++n;
+  }
+  return n > 0 && !(at < s.size() && s[at] >= '0' && s[at] <= '9');
+}
+
+// The text after the first "Transfer:NORM " (nothing when the key is absent
+// or another transfer is named).
+std::optional<std::string_view> after_norm_key(std::string_view msg) {
+  msg = msg.substr(0, msg.find('\0'));
+  const size_t at = msg.find(kTransferKey);
+  if (at == std::string_view::npos) return std::nullopt;
+  std::string_view v = msg.substr(at + std::string_view(kTransferKey).size());
+  const std::string_view want = std::string_view(kTransferNorm);
+  if (v.substr(0, want.size()) != want || v.substr(want.size(), 1) != " ") return std::nullopt;
+  return v.substr(want.size() + 1);
+}
+
+bool field_ends(std::string_view s, size_t at) {
+  return at == s.size() || s[at] == '\r' || s[at] == kFieldEnd;
+}
+
+}  // namespace
+
+std::optional<norm_offer> read_transfer_offer(std::string_view msg) {
+  const auto v = after_norm_key(msg);
+  if (!v) return std::nullopt;
+  size_t at = 0;
+  uint32_t group = 0;
+  for (int i = 0; i < 4; ++i) {
+    uint64_t octet = 0;
+    if (!take_number(*v, at, 3, octet) || octet > 255) return std::nullopt;
+    group = (group << 8) | static_cast<uint32_t>(octet);
+    if (i < 3) {
+      if (at >= v->size() || (*v)[at] != '.') return std::nullopt;
+      ++at;
+    }
+  }
+  if ((group >> 28) != 0xe) return std::nullopt;  // 224.0.0.0/4 only
+  uint64_t port = 0;
+  if (at >= v->size() || (*v)[at] != ':') return std::nullopt;
+  ++at;
+  if (!take_number(*v, at, 5, port) || port == 0 || port > 65535 || !field_ends(*v, at))
+    return std::nullopt;
+  return norm_offer{group, static_cast<uint16_t>(port)};
+}
+
+std::string transfer_answer_field(uint32_t node_id) {
+  return std::string("\r\n") + kTransferKey + kTransferNorm + " " + std::to_string(node_id);
+}
+
+std::optional<uint32_t> read_transfer_answer(std::string_view reply) {
+  const auto v = after_norm_key(reply);
+  if (!v) return std::nullopt;
+  size_t at = 0;
+  uint64_t id = 0;
+  if (!take_number(*v, at, 10, id) || id == 0 || id >= 0xffffffffu || !field_ends(*v, at))
+    return std::nullopt;
+  return static_cast<uint32_t>(id);
+}
+
 std::string build_packet(char kind, std::string_view session, const void* data, size_t len) {
   std::string out = kKeywords[KW_CAMERA_UP];
   out += kind;

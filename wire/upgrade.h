@@ -54,6 +54,30 @@ enum ack_code : char {
 inline constexpr const char* kReasonKey = "Reason:";
 inline constexpr const char* kReasonSignature = "signature";
 
+// The opt-in transfer. A tool that can send the file over NORM (RFC 5740)
+// adds "\r\nTransfer:NORM <group>:<port>" to its announcement; a camera that
+// receives that way answers its '0' with "\r\nTransfer:NORM <node id>" and
+// takes the file from that group and port instead of the packets above. A
+// tool that does not ask, or a camera that does not answer so, uses the
+// packets. The NORM object carries the session ID as its info.
+inline constexpr const char* kTransferKey = "Transfer:";
+inline constexpr const char* kTransferNorm = "NORM";
+struct norm_offer {
+  uint32_t group = 0;  // IPv4 multicast group, host order
+  uint16_t port = 0;
+};
+// "\r\nTransfer:NORM 239.255.255.253:8010".
+std::string transfer_offer_field(const norm_offer& o);
+// The offer in an announcement's text (up to its first NUL): nothing unless
+// the first "Transfer:" is followed by "NORM", a space, a dotted IPv4
+// multicast group, ':' and a port from 1 to 65535, then the end of the text,
+// '\r' or '*'.
+std::optional<norm_offer> read_transfer_offer(std::string_view msg);
+// "\r\nTransfer:NORM <node id>", appended to the '0'.
+std::string transfer_answer_field(uint32_t node_id);
+// The node ID in a '0' that accepted the offer (1 to 0xfffffffe); nothing otherwise.
+std::optional<uint32_t> read_transfer_answer(std::string_view reply);
+
 // Upgrade modes; 5 and above write partition (mode - 5).
 enum upgrade_mode : int {
   MODE_SYSTEM = 1,    // zip package unpacked over /

@@ -59,6 +59,44 @@ TEST(WireMessages, AnnouncementFieldWidthsAndEnds) {
   EXPECT_EQ(wire::read_announcement("File md5:0123").md5, "0123");
 }
 
+// The opt-in transfer: an offer added to an announcement and the camera's
+// answer read back; anything not exactly an offer is no offer (the camera
+// then answers as if nothing had been asked).
+TEST(WireMessages, TransferOfferAndAnswer) {
+  const wire::norm_offer o{0xeffffffdu, 8010};
+  const std::string field = wire::transfer_offer_field(o);
+  EXPECT_EQ(field, "\r\nTransfer:NORM 239.255.255.253:8010");
+  wire::announcement a;
+  a.device_ids = {kA};
+  a.file_name = "fw.zip";
+  const std::string text = wire::build_announcement(a) + field;
+  auto got = wire::read_transfer_offer(text);
+  ASSERT_TRUE(got);
+  EXPECT_EQ(got->group, o.group);
+  EXPECT_EQ(got->port, 8010);
+  EXPECT_EQ(wire::read_announcement(text).mode, 0);  // the old fields read as before
+  EXPECT_TRUE(wire::read_transfer_offer("Transfer:NORM 224.0.0.1:1\r\nX:y"));
+  EXPECT_TRUE(wire::read_transfer_offer("Transfer:NORM 224.0.0.1:65535*"));
+  for (const char* bad :
+       {"", "Transfer:", "Transfer:NORM", "Transfer:FLUTE 239.1.1.1:8010", "Transfer:NORM 10.1.1.1:8010",
+        "Transfer:NORM 239.1.1:8010", "Transfer:NORM 239.1.1.256:8010", "Transfer:NORM 239.1.1.1:0",
+        "Transfer:NORM 239.1.1.1:65536", "Transfer:NORM 239.1.1.1:8010x", "Transfer:NORM 239.1.1.1",
+        "Transfer:NORM  239.1.1.1:8010", "Transfer:NORM 239.1.1.-1:8010", "Transfer:NORM 0239.1.1.1:80",
+        "Transfer:NORM 239.1.1.1:123456"})
+    EXPECT_FALSE(wire::read_transfer_offer(bad)) << bad;
+  // Only the first key counts, and never past a NUL.
+  EXPECT_FALSE(wire::read_transfer_offer("Transfer:x\r\nTransfer:NORM 239.1.1.1:8010"));
+  auto cut = wire::read_transfer_offer(std::string("Transfer:NORM 239.1.1.1:80\0" "10", 29));
+  ASSERT_TRUE(cut);
+  EXPECT_EQ(cut->port, 80);
+
+  EXPECT_EQ(wire::transfer_answer_field(3232235777u), "\r\nTransfer:NORM 3232235777");
+  EXPECT_EQ(wire::read_transfer_answer("REPLYU DO\r\nAck:0\r\nTransfer:NORM 3232235777"), 3232235777u);
+  for (const char* bad : {"Ack:0", "Transfer:NORM 0", "Transfer:NORM 4294967295", "Transfer:NORM 12345678901",
+                          "Transfer:NORM x", "Transfer:NORM 12 "})
+    EXPECT_FALSE(wire::read_transfer_answer(bad)) << bad;
+}
+
 TEST(WireMessages, PacketHeaderAndDataRoundTrip) {
   std::string pkt = wire::build_packet(wire::kPacketMiddle, kS, "xyz", 3);
   ASSERT_EQ(pkt.size(), 45u);

@@ -91,6 +91,11 @@ TEST(ToolReplies, SearchAckAndStatus) {
   EXPECT_EQ(a->code, '7');
   EXPECT_EQ(a->client_id, kCli);
   EXPECT_FALSE(wire::parse_upgrade_ack("REPLYU DO\r\nClient ID:" + kCli + "\r\nAck:"));
+  EXPECT_FALSE(a->norm_node);
+  a = wire::parse_upgrade_ack("REPLYU DO\r\nClient ID:" + kCli + "\r\nAck:0\r\nTransfer:NORM 42");
+  ASSERT_TRUE(a);
+  EXPECT_EQ(a->code, '0');
+  EXPECT_EQ(a->norm_node, 42u);
 
   auto r = wire::parse_status_report("STATUS * \r\nDevice ID:" + kDev +
                                      "\r\nMAC=02:00:00:00:00:09\r\nVERSION:V3\r\nStatus=1");

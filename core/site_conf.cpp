@@ -19,6 +19,8 @@ constexpr switch_key kKeys[] = {
     {"status_report", &site_conf_t::status_report},
     {"broadcast", &site_conf_t::broadcast},
     {"partner", &site_conf_t::partner},
+    {"norm_transfer", &site_conf_t::norm_transfer},
+    {"transfer_silence", &site_conf_t::transfer_silence},
 };
 
 std::string trim(const std::string& s) {

@@ -8,6 +8,9 @@ struct site_conf_t {
   int status_report = 1;  // post-upgrade "STATUS * " report on 238.255.255.251:8004
   int broadcast = 0;      // broadcast commissioning on UDP 12811
   int partner = 0;        // partner binary protocol and the tracking relay
+  int norm_transfer = 1;  // take the upgrade file over NORM when a tool offers it
+  // Seconds without a packet from the tool before a NORM transfer is given up.
+  int transfer_silence = 30;
 };
 
 // Reads the file into `out` (defaults first). Returns 0 when the file was

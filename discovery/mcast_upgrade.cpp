@@ -5,6 +5,7 @@
 // listener waits for the reboot and both go on answering searches.
 #include "discovery/mcast_upgrade.h"
 
+#include <arpa/inet.h>
 #include <fcntl.h>
 #include <sys/reboot.h>
 #include <sys/stat.h>
@@ -13,8 +14,11 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <cstring>
+#include <memory>
 #include <mutex>
 #include <string>
 
@@ -25,9 +29,12 @@
 #include "core/helpers.h"
 #include "core/platform.h"
 #include "core/site_keys.h"
+#include "core/network.h"
 #include "core/text.h"
+#include "core/threads.h"
 #include "discovery/identity.h"
 #include "discovery/mcast_install.h"
+#include "discovery/norm_receiver.h"
 #include "wire/upgrade.h"
 
 namespace {
@@ -48,6 +55,8 @@ struct upgrade_state {
   int64_t written = 0;
   // A keyed camera hashes the file as it comes, for its signature.
   streamed_prehash prehash;
+  // The file comes over NORM: the session's packets are ignored.
+  bool norm = false;
 };
 
 // A verified file waiting to be installed once the lock is released.
@@ -64,6 +73,8 @@ upgrade_state g_up;
 // Set from a good md5 until the reboot (cleared again when nothing was
 // installed): announcements are answered '9', packets are dropped.
 std::atomic<bool> g_installing{false};
+// Counts resets: a NORM session started before one leaves the record alone.
+std::atomic<unsigned> g_generation{0};
 
 bool debug_mode() { return daemon_state.work_mode.load() == WORK_DEBUG; }
 
@@ -131,6 +142,8 @@ bool name_refused(mcast_endpoint* ep, const char* name) {
   return v == name_verdict::refused || !debug_mode();
 }
 
+bool start_norm_transfer(mcast_endpoint* ep, const wire::norm_offer& offer, uint32_t* node);
+
 void handle_announcement(mcast_endpoint* ep, const char* msg) {
   if (check_uuid_bat(msg) != 0) {
     DBG_ERR("uuid check failed\n");
@@ -175,8 +188,17 @@ void handle_announcement(mcast_endpoint* ep, const char* msg) {
   g_up.file_size = f.file_size;
   g_up.count_pack = 0;
   g_up.written = 0;
+  g_up.norm = false;
   set_upgrade_client_id(g_up.session);
-  send_upgrade_ack(ep, wire::ACK_READY);
+  const auto offer = wire::read_transfer_offer(msg);
+  uint32_t node = 0;
+  if (offer && daemon_state.site.norm_transfer == 1 && start_norm_transfer(ep, *offer, &node)) {
+    char buf[256];
+    build_upgrade_ack(buf, wire::ACK_READY);
+    mcast_send_data(ep, (std::string(buf) + wire::transfer_answer_field(node)).c_str());
+  } else {
+    send_upgrade_ack(ep, wire::ACK_READY);
+  }
   set_mcast_upgrade_in_progress(1);
 }
 
@@ -206,6 +228,129 @@ void verify(mcast_endpoint* ep, install_job* job) {
   job->mode = g_up.mode;
   job->file_size = static_cast<int>(payload);
   g_installing = true;
+}
+
+// ---- the file over NORM ------------------------------------------------------
+// The announcement waits until the receiver thread listens on the offered
+// group (then answers '0' with the transfer field) or fails to (then a
+// plain '0': the file comes as packets).
+struct norm_handshake {
+  std::mutex mu;
+  std::condition_variable cv;
+  enum { waiting, listening, abandoned, failed } state = waiting;
+};
+
+struct norm_context {
+  mcast_endpoint* ep = nullptr;
+  norm_job job;
+  unsigned generation = 0;
+  std::shared_ptr<norm_handshake> hs;
+};
+
+constexpr auto kListenWait = std::chrono::seconds(3);
+
+// eth0's IPv4 address; without one, a number made from the device ID.
+uint32_t norm_node_id() {
+  struct in_addr a {};
+  if (net().interface_ipv4("eth0", &a) == 0) {
+    const uint32_t id = ntohl(a.s_addr);
+    if (id != 0 && id != 0xffffffffu) return id;
+  }
+  char dev[kIdLen + 1];
+  get_device_id(dev);
+  uint32_t h = 2166136261u;
+  for (const char* c = dev; *c != '\0'; ++c) h = (h ^ static_cast<unsigned char>(*c)) * 16777619u;
+  return h == 0 || h == 0xffffffffu ? 1 : h;
+}
+
+// A session given up: '2' says why, the file system is synced and, unless
+// debugging, the camera reboots to bring back the programs it stopped.
+void norm_give_up(mcast_endpoint* ep, norm_outcome out) {
+  DBG_ERR("norm transfer ended: %s\n", norm_outcome_name(out));
+  char buf[256];
+  build_upgrade_ack(buf, wire::ACK_WRITE_FAILED);
+  mcast_send_data(ep, (std::string(buf) + "\r\n" + wire::kReasonKey + norm_outcome_name(out)).c_str());
+  sys().sleep_us(kRefusePauseUs);
+  sys().sync();
+  if (debug_mode()) return;
+  wdt_reboot(1);
+  sys().sleep_us(5000000);
+  sys().reboot(RB_AUTOBOOT);
+}
+
+void* norm_transfer_main(void* arg) {
+  std::unique_ptr<norm_context> ctx(static_cast<norm_context*>(arg));
+  const std::shared_ptr<norm_handshake> hs = ctx->hs;
+  const norm_outcome out = norm_receiver().receive(ctx->job, [&hs] {
+    std::lock_guard<std::mutex> l(hs->mu);
+    if (hs->state == norm_handshake::abandoned) return false;
+    hs->state = norm_handshake::listening;
+    hs->cv.notify_all();
+    return true;
+  });
+  {
+    std::lock_guard<std::mutex> l(hs->mu);
+    if (hs->state != norm_handshake::listening) {
+      hs->state = norm_handshake::failed;
+      hs->cv.notify_all();
+      return nullptr;
+    }
+  }
+  install_job job;
+  {
+    std::lock_guard<std::mutex> lock(g_mu);
+    if (ctx->generation != g_generation.load() || !g_up.norm || ctx->job.session != g_up.session)
+      return nullptr;
+    g_up.norm = false;
+    if (out != norm_outcome::complete) {
+      g_up.session[0] = '\0';
+    } else {
+      TRACE("file trans over\n");
+      g_up.written = g_up.file_size;
+      verify(ctx->ep, &job);
+    }
+  }
+  if (out != norm_outcome::complete) {
+    norm_give_up(ctx->ep, out);
+    return nullptr;
+  }
+  if (!job.path.empty() && !install_upgrade_file(ctx->ep, job.path.c_str(), job.mode, job.file_size))
+    g_installing = false;
+  return nullptr;
+}
+
+// Starts the receiver for the accepted announcement (under the lock); true
+// once it listens, with the node ID for the '0'.
+bool start_norm_transfer(mcast_endpoint* ep, const wire::norm_offer& offer, uint32_t* node) {
+  auto ctx = std::make_unique<norm_context>();
+  ctx->ep = ep;
+  ctx->job.group = offer.group;
+  ctx->job.port = offer.port;
+  ctx->job.node_id = norm_node_id();
+  ctx->job.iface = "eth0";
+  ctx->job.session = g_up.session;
+  ctx->job.dir = cam_path("/dev/");
+  if (ctx->job.dir.back() != '/') ctx->job.dir += '/';
+  ctx->job.path = cam_path(stored_path());
+  ctx->job.max_size = static_cast<uint64_t>(std::max(g_up.file_size, 0));
+  ctx->job.silence_ms = std::max(daemon_state.site.transfer_silence, 1) * 1000;
+  ctx->generation = g_generation.load();
+  ctx->hs = std::make_shared<norm_handshake>();
+  const std::shared_ptr<norm_handshake> hs = ctx->hs;
+  const uint32_t id = ctx->job.node_id;
+  if (start_thread("norm_transfer", norm_transfer_main, ctx.get()) != 0) return false;
+  ctx.release();
+  std::unique_lock<std::mutex> l(hs->mu);
+  hs->cv.wait_for(l, kListenWait, [&hs] { return hs->state != norm_handshake::waiting; });
+  if (hs->state != norm_handshake::listening) {
+    if (hs->state == norm_handshake::waiting) hs->state = norm_handshake::abandoned;
+    DBG_ERR("norm receiver not ready: the file comes as packets\n");
+    return false;
+  }
+  g_up.norm = true;
+  g_up.prehash.start(static_cast<uint64_t>(std::max(g_up.file_size, 0)), false);
+  *node = id;
+  return true;
 }
 
 // Opens the destination afresh. Whatever took the name in "/dev" since the
@@ -271,7 +416,7 @@ void last_packet(mcast_endpoint* ep, const wire::packet_view& p, install_job* jo
 
 void handle_packet(mcast_endpoint* ep, const char* buf, size_t len, install_job* job) {
   const auto p = wire::parse_packet(buf, len);
-  if (!p || g_up.session[0] == '\0' || g_installing.load()) return;
+  if (!p || g_up.session[0] == '\0' || g_installing.load() || g_up.norm) return;
   char session[kIdLen] = {};
   memcpy(session, g_up.session, strnlen(g_up.session, kIdLen));
   if (memcmp(p->session.data(), session, kIdLen) != 0) return;  // another session's stream
@@ -323,6 +468,7 @@ void handle_camera_upgrade(mcast_endpoint* ep, const char* buf, size_t len) {
 
 void reset_mcast_upgrade() {
   std::lock_guard<std::mutex> lock(g_mu);
+  ++g_generation;
   close_file();
   g_up = upgrade_state{};
   g_installing = false;

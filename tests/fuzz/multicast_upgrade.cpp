@@ -7,6 +7,7 @@
 #include <set>
 
 #include "discovery/commands.h"
+#include "discovery/norm_receiver.h"
 #include "harness.h"
 #include "sim/flash/flash_model.h"
 #include "wire/upgrade.h"
@@ -47,10 +48,32 @@ void end_previous_transfer(FuzzCamera& c) {
   mcast_receive(&c.ep.ep, d.data(), d.size());
 }
 
+// An offer of the NORM transfer is read and answered, but no session is
+// opened: the receiver fails before it listens, so the camera answers a
+// plain '0' and the file comes as packets.
+class NoNorm : public NormReceiver {
+ public:
+  norm_outcome receive(const norm_job&, const std::function<bool()>&) override {
+    return norm_outcome::failed;
+  }
+};
+
+// The offer's reader: what it accepts it writes back the same way.
+void check_offer(std::string_view d) {
+  const auto offer = wire::read_transfer_offer(d);
+  if (!offer) return;
+  fuzz_require((offer->group >> 28) == 0xe && offer->port != 0, "an offer outside the rules");
+  const auto again = wire::read_transfer_offer(wire::transfer_offer_field(*offer));
+  fuzz_require(again && again->group == offer->group && again->port == offer->port,
+               "an offer that does not read back");
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size == 0) return 0;
+  static NoNorm no_norm;
+  set_norm_receiver(&no_norm);
   FuzzCamera& c = reset_camera();
   end_previous_transfer(c);
   reset_camera();
@@ -61,6 +84,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   // First byte: debugging (bit 0); then the datagrams.
   daemon_state.work_mode = (data[0] & 1) ? WORK_DEBUG : WORK_NORMAL;
   for (std::string_view d : split_pieces(data + 1, size - 1)) {
+    check_offer(d);
     std::vector<char> exact = exact_copy(d, kBatchDatagram);
     mcast_receive(&c.ep.ep, exact.data(), exact.size());
   }

@@ -75,6 +75,26 @@ upgrade_state g_up;
 std::atomic<bool> g_installing{false};
 // Counts resets: a NORM session started before one leaves the record alone.
 std::atomic<unsigned> g_generation{0};
+// NORM receiver threads still running (a reset waits for them).
+std::mutex g_threads_mu;
+[[maybe_unused]] const int g_threads_fork_guard = guard_across_fork<g_threads_mu>(kForkRankModule);
+std::condition_variable g_threads_cv;
+int g_threads = 0;
+
+// Counts a receiver thread from its start to its end.
+struct counted_thread {
+  counted_thread() {
+    std::lock_guard<std::mutex> l(g_threads_mu);
+    ++g_threads;
+  }
+  ~counted_thread() {
+    std::lock_guard<std::mutex> l(g_threads_mu);
+    --g_threads;
+    g_threads_cv.notify_all();
+  }
+  counted_thread(const counted_thread&) = delete;
+  counted_thread& operator=(const counted_thread&) = delete;
+};
 
 bool debug_mode() { return daemon_state.work_mode.load() == WORK_DEBUG; }
 
@@ -245,6 +265,7 @@ struct norm_context {
   norm_job job;
   unsigned generation = 0;
   std::shared_ptr<norm_handshake> hs;
+  counted_thread* counted = nullptr;  // counted from before the thread starts
 };
 
 constexpr auto kListenWait = std::chrono::seconds(3);
@@ -280,6 +301,7 @@ void norm_give_up(mcast_endpoint* ep, norm_outcome out) {
 
 void* norm_transfer_main(void* arg) {
   std::unique_ptr<norm_context> ctx(static_cast<norm_context*>(arg));
+  const std::unique_ptr<counted_thread> counted(ctx->counted);
   const std::shared_ptr<norm_handshake> hs = ctx->hs;
   const norm_outcome out = norm_receiver().receive(ctx->job, [&hs] {
     std::lock_guard<std::mutex> l(hs->mu);
@@ -338,7 +360,11 @@ bool start_norm_transfer(mcast_endpoint* ep, const wire::norm_offer& offer, uint
   ctx->hs = std::make_shared<norm_handshake>();
   const std::shared_ptr<norm_handshake> hs = ctx->hs;
   const uint32_t id = ctx->job.node_id;
-  if (start_thread("norm_transfer", norm_transfer_main, ctx.get()) != 0) return false;
+  ctx->counted = new counted_thread;
+  if (start_thread("norm_transfer", norm_transfer_main, ctx.get()) != 0) {
+    delete ctx->counted;
+    return false;
+  }
   ctx.release();
   std::unique_lock<std::mutex> l(hs->mu);
   hs->cv.wait_for(l, kListenWait, [&hs] { return hs->state != norm_handshake::waiting; });
@@ -467,6 +493,10 @@ void handle_camera_upgrade(mcast_endpoint* ep, const char* buf, size_t len) {
 }
 
 void reset_mcast_upgrade() {
+  {
+    std::unique_lock<std::mutex> l(g_threads_mu);
+    g_threads_cv.wait(l, [] { return g_threads == 0; });
+  }
   std::lock_guard<std::mutex> lock(g_mu);
   ++g_generation;
   close_file();

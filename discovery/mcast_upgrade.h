@@ -12,5 +12,6 @@
 // reboot run on the calling thread, after the transfer's lock is released.
 void handle_camera_upgrade(mcast_endpoint* ep, const char* buf, size_t len);
 
-// Forgets the transfer and any installation (tests start each camera anew).
+// Forgets the transfer and any installation (tests start each camera anew),
+// once every NORM receiver thread has ended.
 void reset_mcast_upgrade();

@@ -166,10 +166,10 @@ struct GroupEndpoint : EndpointStorage {
 // The daemon's records as at start-up, with this camera's identity; the
 // multicast transfer and the command challenge forgotten.
 inline void reset_camera_state() {
+  reset_mcast_upgrade();  // first: it waits for a transfer's thread to end
   reset_daemon_state();
   fill_protocol_keywords();
   set_device_id(kDevId.c_str());
-  reset_mcast_upgrade();
   reset_command_auth();
 }
 

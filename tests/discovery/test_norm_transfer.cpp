@@ -87,6 +87,7 @@ struct NormTransfer : CameraFixtureBase, ::testing::Test {
   }
   ~NormTransfer() override {
     norm.drain();
+    reset_mcast_upgrade();  // the receiver's thread has ended
     set_norm_receiver(nullptr);
     set_mcast_upgrade_in_progress(0);
   }

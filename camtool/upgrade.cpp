@@ -7,11 +7,12 @@
 #include <cstdio>
 #include <cstring>
 #include <map>
-#include <nlohmann/json.hpp>
 
 #include "camtool/commands.h"
 #include "camtool/finder.h"
 #include "camtool/output.h"
+#include "camtool/transfer.h"
+#include "camtool/upgrade_camera.h"
 #include "wire/commands.h"
 #include "wire/file_name.h"
 #include "wire/replies.h"
@@ -20,8 +21,6 @@
 namespace camtool {
 
 namespace {
-
-using nlohmann::json;
 
 class string_file : public file_source {
  public:
@@ -68,50 +67,12 @@ const char* mode_words(int mode) {
   return "one partition";
 }
 
-struct camera_state {
-  std::string id, ip, model, version_before, version_after;
-  bool found = false;  // answered the search before the upgrade
-  std::string refused;  // why the file is not for this camera
-  std::vector<std::string> acks;  // per round
-  // This round.
-  char ready = 0, verdict = 0, result = 0;
-  time_point verdict_at{}, ended{}, last_answer{}, back_at{};
-  bool in_round = false, expect_reboot = false, went_down = false;
-  bool rebooted = false, back = false, settled = false;
-  uint64_t uptime = 0;  // as last heard, and when
-  time_point uptime_at{};
-  bool reported = false, confirmed = false;
-  bool signature_refused = false;  // a keyed camera's '6': another round would not help
-
-  void new_round() {
-    acks.emplace_back();
-    ready = verdict = result = 0;
-    in_round = true;
-    expect_reboot = went_down = rebooted = back = settled = reported = confirmed = false;
-  }
-  bool ok() const { return result == wire::ACK_INSTALLED && back; }
-  std::string outcome() const {
-    if (!refused.empty()) return refused;
-    if (ready == 0) return "no answer to the announcement";
-    if (ready == wire::ACK_NO_SPACE) return "not enough space in /dev";
-    if (ready == wire::ACK_BUSY) return "busy with another upgrade";
-    if (verdict == 0) return "no md5 answer after the transfer";
-    if (verdict == wire::ACK_WRITE_FAILED) return "could not store the file";
-    if (verdict == wire::ACK_MD5_BAD && signature_refused)
-      return "signature refused (the camera has site keys: --key or --signature)";
-    if (verdict == wire::ACK_MD5_BAD) return back ? "md5 failed" : "md5 failed, not back";
-    if (result == 0) return "no answer from the installation";
-    if (result == wire::ACK_ARM_FAILED) return "controller programming failed";
-    if (result == wire::ACK_WRITE_FAILED) return "installation failed";
-    return back ? "upgraded" : "installed, not back";
-  }
-};
-
 class upgrade_run {
  public:
   upgrade_run(transport& net, std::string client_id, file_source& file, const upgrade_options& o,
-              std::ostream& err)
-      : net_(net), client_(std::move(client_id)), file_(file), o_(o), err_(err) {}
+              std::ostream& err, norm_sender* norm)
+      : net_(net), client_(std::move(client_id)), file_(file), o_(o), err_(err),
+        norm_(o.transfer == transfer_mode::automatic ? norm : nullptr) {}
 
   int run(std::ostream& out) {
     md5_ = file_md5(file_);
@@ -131,7 +92,7 @@ class upgrade_run {
         if (c.in_round && c.verdict == wire::ACK_MD5_BAD && !c.signature_refused && c.back)
           names.push_back(&c);
     }
-    report(out);
+    print_upgrade_report(out, cams_, o_.json, file_.size());
     bool all_ok = !cams_.empty();
     for (const auto& c : cams_) all_ok = all_ok && c.ok();
     return all_ok ? 0 : kExitFailed;
@@ -238,10 +199,14 @@ class upgrade_run {
       const bool signature = a->code == wire::ACK_MD5_BAD && a->reason == wire::kReasonSignature;
       err_ << "  " << c->id << ": "
            << (signature ? "signature refused, the camera reboots" : ack_words(a->code)) << " ("
-           << a->code << ")\n";
+           << a->code << ")";
+      if (norm_ != nullptr && a->code == wire::ACK_READY && a->norm_node)
+        err_ << ", takes NORM (node " << *a->norm_node << ")";
+      err_ << "\n";
       switch (a->code) {
         case wire::ACK_READY:
           c->ready = a->code;
+          if (norm_ != nullptr) c->norm_node = a->norm_node;
           break;
         case wire::ACK_NO_SPACE:
         case wire::ACK_BUSY:
@@ -355,8 +320,40 @@ class upgrade_run {
       if (c->ready == 0) err_ << "  " << c->id << ": no answer to the announcement\n";
     }
     if (ready.empty()) return;
-    stream(round, ready.size());
+    transfer(round, ready);
     follow(ready);
+  }
+
+  // NORM first (its cameras give up when no NORM data comes for a while
+  // after their '0'), then the stream for the rest (the NORM cameras ignore
+  // its packets).
+  void transfer(int round, const std::vector<camera_state*>& ready) {
+    std::vector<camera_state*> by_norm, by_stream;
+    for (camera_state* c : ready) (c->norm_node ? by_norm : by_stream).push_back(c);
+    transfer_context t{net_, file_, session_, o_, err_, round, [this](time_point at) { wait_until(at); }};
+    if (!by_norm.empty()) {
+      std::vector<uint32_t> nodes;
+      for (camera_state* c : by_norm) nodes.push_back(*c->norm_node);
+      try {
+        norm_outcome n = norm_file(t, *norm_, nodes);
+        for (camera_state* c : by_norm) {
+          c->transfers.back() = kTransferNormWord;
+          c->wire_bytes += n.wire_bytes;
+          c->norm_acked = std::find(n.acked.begin(), n.acked.end(), *c->norm_node) != n.acked.end();
+        }
+      } catch (const tool_error& e) {
+        err_ << "round " << round << ": the NORM session did not start: " << e.what() << "\n";
+        for (camera_state* c : by_norm) c->transfer_failed = std::string("NORM failed: ") + e.what();
+      }
+    }
+    if (!by_stream.empty()) {
+      uint64_t bytes = stream_file(t, by_stream.size());
+      for (camera_state* c : by_stream) {
+        c->transfers.back() = kTransferStreamWord;
+        c->wire_bytes += bytes;
+      }
+    }
+    stream_end_ = net_.now();
   }
 
   // One datagram; a long list of cameras takes several (split_batch).
@@ -369,62 +366,13 @@ class upgrade_run {
     a.md5 = md5_;
     a.file_size = file_.size();
     a.mode = o_.mode;
-    return wire::build_announcement(a);
-  }
-
-  void stream(int round, size_t cameras) {
-    const uint64_t size = file_.size();
-    // At least two packets: the first opens the file, the last checks it.
-    uint64_t count = std::max<uint64_t>(2, (size + wire::kPacketDataMax - 1) / wire::kPacketDataMax);
-    uint64_t piece = count == 2 ? (size + 1) / 2 : wire::kPacketDataMax;
-    const double bps = o_.rate_mbit * 1e6;
-    err_ << "round " << round << ": streaming " << count << " packets";
-    if (bps > 0) err_ << " at " << o_.rate_mbit << " Mbit/s";
-    err_ << " to " << cameras << " camera(s)\n";
-
-    std::string data(static_cast<size_t>(wire::kPacketDataMax), '\0');
-    time_point start = net_.now(), anchor = start, shown = start;
-    uint64_t sent_bits = 0, offset = 0;
-    int last_quarter = 0;
-    for (uint64_t i = 0; i < count; ++i) {
-      size_t len = static_cast<size_t>(std::min<uint64_t>(piece, size - offset));
-      if (i + 1 == count) len = static_cast<size_t>(size - offset);
-      if (bps > 0) {
-        time_point due = after(anchor, static_cast<double>(sent_bits) / bps);
-        wait_until(due);
-        // Late by more than a little (the machine was busy): move the
-        // schedule instead of sending a burst the cameras could not take.
-        if (between(due, net_.now()) > 0.02) anchor += net_.now() - due;
-      } else {
-        wait_until(net_.now());
-      }
-      file_.read(offset, data.data(), len);
-      char kind = i == 0 ? wire::kPacketFirst : i + 1 == count ? wire::kPacketLast : wire::kPacketMiddle;
-      std::string packet = wire::build_packet(kind, session_, data.data(), len);
-      net_.send(channel::batch, packet);
-      sent_bits += packet.size() * 8;
-      offset += len;
-      time_point now = net_.now();
-      double took = between(start, now);
-      double rate = took > 0 ? static_cast<double>(offset) * 8 / took : 0;
-      if (o_.live_progress && (between(shown, now) >= 0.2 || i + 1 == count)) {
-        err_ << "\r" << progress_line(offset, size, rate) << "\x1b[K" << std::flush;
-        shown = now;
-      } else if (!o_.live_progress && size > 0 && static_cast<int>(offset * 4 / size) > last_quarter) {
-        last_quarter = static_cast<int>(offset * 4 / size);
-        if (last_quarter < 4) err_ << progress_line(offset, size, rate) << "\n";
-      }
-    }
-    if (o_.live_progress) err_ << "\n";
-    double took = between(start, net_.now());
-    char rate[48] = "";
-    if (took > 0) snprintf(rate, sizeof(rate), " (%.1f Mbit/s)", static_cast<double>(sent_bits) / took / 1e6);
-    err_ << "round " << round << ": sent " << human_bytes(size) << " in " << seconds_text(took) << rate
-         << "\n";
-    stream_end_ = net_.now();
+    std::string text = wire::build_announcement(a);
+    if (norm_ != nullptr) text += wire::transfer_offer_field(o_.norm_group);
+    return text;
   }
 
   bool settled(camera_state& c, time_point now) {
+    if (c.verdict == 0 && !c.transfer_failed.empty()) return true;
     if (c.verdict == 0) return between(stream_end_, now) > o_.verdict_wait;
     if (c.verdict == wire::ACK_WRITE_FAILED) return true;
     if (c.verdict == wire::ACK_MD5_OK && c.result == 0)
@@ -459,56 +407,12 @@ class upgrade_run {
     }
   }
 
-  void report(std::ostream& out) {
-    std::vector<std::vector<std::string>> rows;
-    for (const auto& c : cams_) {
-      std::string acks;
-      for (const auto& a : c.acks) {
-        if (!acks.empty()) acks += " / ";
-        std::string spaced;
-        for (char code : a) spaced += std::string(spaced.empty() ? "" : " ") + code;
-        acks += spaced.empty() ? "-" : spaced;
-      }
-      std::string version = c.version_before.empty() ? "?" : c.version_before;
-      if (c.back) version += " -> " + (c.version_after.empty() ? "?" : c.version_after);
-      if (o_.json) {
-        out << json{{"device_id", c.id},
-                    {"ip", c.ip},
-                    {"model", c.model},
-                    {"rounds", c.acks.size()},
-                    {"acks", c.acks},
-                    {"ready", std::string(c.ready ? 1 : 0, c.ready)},
-                    {"md5_ok", c.verdict == wire::ACK_MD5_OK},
-                    {"result", std::string(c.result ? 1 : 0, c.result)},
-                    {"rebooted", c.rebooted},
-                    {"back", c.back},
-                    {"version_before", c.version_before},
-                    {"version_after", c.version_after},
-                    {"reported", c.reported},
-                    {"confirmed", c.confirmed},
-                    {"outcome", c.outcome()},
-                    {"ok", c.ok()}}
-                   .dump()
-            << "\n";
-      }
-      rows.push_back({c.id, c.ip.empty() ? "?" : c.ip, acks, c.rebooted ? "yes" : "no",
-                      c.back ? "yes" : "no", version,
-                      c.confirmed ? "confirmed" : c.reported ? "seen" : "-", c.outcome()});
-    }
-    if (!o_.json) {
-      print_table(out, {"DEVICE ID", "IP", "ACKS", "REBOOT", "BACK", "VERSION", "REPORT", "RESULT"},
-                  rows);
-      size_t ok = static_cast<size_t>(std::count_if(cams_.begin(), cams_.end(),
-                                                    [](const camera_state& c) { return c.ok(); }));
-      out << ok << " of " << cams_.size() << " camera(s) upgraded\n";
-    }
-  }
-
   transport& net_;
   std::string client_;
   file_source& file_;
   const upgrade_options& o_;
   std::ostream& err_;
+  norm_sender* norm_;  // nullptr: no camera is offered NORM
   std::string md5_, session_;
   std::vector<camera_state> cams_;
   time_point stream_end_{};
@@ -565,9 +469,9 @@ void check_upgrade(const upgrade_options& o, uint64_t size) {
 }
 
 int run_upgrade(transport& net, const std::string& client_id, file_source& file,
-                const upgrade_options& o, std::ostream& out, std::ostream& err) {
+                const upgrade_options& o, std::ostream& out, std::ostream& err, norm_sender* norm) {
   check_upgrade(o, file.size());
-  return upgrade_run(net, client_id, file, o, err).run(out);
+  return upgrade_run(net, client_id, file, o, err, norm).run(out);
 }
 
 }  // namespace camtool

@@ -85,11 +85,13 @@ class upgrade_run {
       if (c.refused.empty()) names.push_back(&c);
     for (int round = 1; !names.empty() && round <= 1 + o_.retries; ++round) {
       if (round > 1)
-        err_ << "round " << round << ": again for " << names.size() << " camera(s) whose md5 failed\n";
+        err_ << "round " << round << ": again for " << names.size()
+             << " camera(s) whose md5 or NORM transfer failed\n";
       one_round(round, names);
       names.clear();
       for (auto& c : cams_)
-        if (c.in_round && c.verdict == wire::ACK_MD5_BAD && !c.signature_refused && c.back)
+        if (c.in_round && c.back &&
+            ((c.verdict == wire::ACK_MD5_BAD && !c.signature_refused) || c.norm_failed()))
           names.push_back(&c);
     }
     print_upgrade_report(out, cams_, o_.json, file_.size());
@@ -197,9 +199,14 @@ class upgrade_run {
       if (a->code == wire::ACK_BUSY && c->ready == wire::ACK_READY) return;  // a resent announcement
       c->acks.back() += a->code;
       const bool signature = a->code == wire::ACK_MD5_BAD && a->reason == wire::kReasonSignature;
+      // A '2' instead of the verdict from a camera taking NORM: it gave the
+      // session up, and reboots.
+      const bool norm_gave_up = a->code == wire::ACK_WRITE_FAILED && c->verdict == 0 && c->norm_node;
       err_ << "  " << c->id << ": "
-           << (signature ? "signature refused, the camera reboots" : ack_words(a->code)) << " ("
-           << a->code << ")";
+           << (signature ? "signature refused, the camera reboots"
+               : norm_gave_up ? "NORM transfer given up (" + a->reason + "), the camera reboots"
+                              : ack_words(a->code))
+           << " (" << a->code << ")";
       if (norm_ != nullptr && a->code == wire::ACK_READY && a->norm_node)
         err_ << ", takes NORM (node " << *a->norm_node << ")";
       err_ << "\n";
@@ -222,7 +229,12 @@ class upgrade_run {
           end_of_round(*c, now);
           break;
         case wire::ACK_WRITE_FAILED:
-          if (c->verdict == 0) {
+          if (norm_gave_up) {
+            c->verdict = a->code;
+            c->norm_gave_up = a->reason.empty() ? "no reason given" : a->reason;
+            c->stream_only = true;  // the next round sends it the stream
+            end_of_round(*c, now);
+          } else if (c->verdict == 0) {
             c->verdict = a->code;  // the file could not be stored; the camera stays up
           } else {
             c->result = a->code;
@@ -250,7 +262,7 @@ class upgrade_run {
       if (restarted && !c->rebooted) {
         c->rebooted = true;
         came_back(*c, now, r->version);
-      } else if (!c->back && c->verdict == wire::ACK_MD5_BAD &&
+      } else if (!c->back && (c->verdict == wire::ACK_MD5_BAD || c->norm_failed()) &&
                  between(c->ended, now) >= kRebootGrace) {
         came_back(*c, now, r->version);
       }
@@ -303,8 +315,14 @@ class upgrade_run {
       for (camera_state* c : names)
         if (c->ready == 0) silent.push_back(c->id);
       if (silent.empty() || net_.now() >= end) break;
-      for (const std::string& a : split_batch(silent, [&](const auto& ids) { return announcement(ids); }))
-        net_.send(channel::batch, a);
+      // The offer goes to every camera but those whose NORM transfer failed before.
+      std::vector<std::string> offered, not_offered;
+      for (const std::string& id : silent) (camera(id)->stream_only ? not_offered : offered).push_back(id);
+      for (bool offer : {true, false})
+        for (const std::string& a : split_batch(offer ? offered : not_offered, [&](const auto& ids) {
+               return announcement(ids, offer);
+             }))
+          net_.send(channel::batch, a);
       time_point next = std::min(end, after(net_.now(), kAnnounceResend));
       while (net_.now() < next) {
         auto d = net_.receive(next);
@@ -357,7 +375,7 @@ class upgrade_run {
   }
 
   // One datagram; a long list of cameras takes several (split_batch).
-  std::string announcement(const std::vector<std::string>& ids) const {
+  std::string announcement(const std::vector<std::string>& ids, bool offer) const {
     wire::announcement a;
     a.device_ids = ids;
     a.client_id = client_;
@@ -367,14 +385,14 @@ class upgrade_run {
     a.file_size = file_.size();
     a.mode = o_.mode;
     std::string text = wire::build_announcement(a);
-    if (norm_ != nullptr) text += wire::transfer_offer_field(o_.norm_group);
+    if (offer && norm_ != nullptr) text += wire::transfer_offer_field(o_.norm_group);
     return text;
   }
 
   bool settled(camera_state& c, time_point now) {
     if (c.verdict == 0 && !c.transfer_failed.empty()) return true;
     if (c.verdict == 0) return between(stream_end_, now) > o_.verdict_wait;
-    if (c.verdict == wire::ACK_WRITE_FAILED) return true;
+    if (c.verdict == wire::ACK_WRITE_FAILED && !c.norm_failed()) return true;
     if (c.verdict == wire::ACK_MD5_OK && c.result == 0)
       return between(c.verdict_at, now) > o_.install_wait;
     if (!c.back) return between(c.ended, now) > o_.back_wait;

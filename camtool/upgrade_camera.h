@@ -25,10 +25,12 @@ struct camera_state {
   std::vector<std::string> transfers;  // per round: "norm", "stream" or "" (the file never went)
   uint64_t wire_bytes = 0;  // of the transfers that carried the file to it, every round
   std::optional<bool> norm_acked;  // its last NORM session: did it acknowledge the whole file
+  bool stream_only = false;  // its NORM transfer failed once: offered NORM no more
   // This round.
   char ready = 0, verdict = 0, result = 0;
   std::optional<uint32_t> norm_node;  // its '0' took the NORM offer
   std::string transfer_failed;        // the NORM session meant for it did not start
+  std::string norm_gave_up;           // it answered '2' with this reason instead of its verdict
   time_point verdict_at{}, ended{}, last_answer{}, back_at{};
   bool in_round = false, expect_reboot = false, went_down = false;
   bool rebooted = false, back = false, settled = false;
@@ -43,10 +45,14 @@ struct camera_state {
     ready = verdict = result = 0;
     norm_node.reset();
     transfer_failed.clear();
+    norm_gave_up.clear();
     in_round = true;
     expect_reboot = went_down = rebooted = back = settled = reported = confirmed = false;
   }
   bool ok() const { return result == wire::ACK_INSTALLED && back; }
+  // The camera gave up its NORM transfer and reboots (another round may
+  // send it the stream).
+  bool norm_failed() const { return !norm_gave_up.empty(); }
   std::string outcome() const;
 };
 

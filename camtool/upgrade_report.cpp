@@ -50,6 +50,7 @@ std::string camera_state::outcome() const {
   if (ready == wire::ACK_BUSY) return "busy with another upgrade";
   if (verdict == 0 && !transfer_failed.empty()) return transfer_failed;
   if (verdict == 0) return "no md5 answer after the transfer";
+  if (norm_failed()) return "NORM transfer failed (" + norm_gave_up + ")" + (back ? "" : ", not back");
   if (verdict == wire::ACK_WRITE_FAILED) return "could not store the file";
   if (verdict == wire::ACK_MD5_BAD && signature_refused)
     return "signature refused (the camera has site keys: --key or --signature)";
@@ -72,6 +73,7 @@ void print_upgrade_report(std::ostream& out, const std::vector<camera_state>& ca
                   {"model", c.model},
                   {"rounds", c.acks.size()},
                   {"acks", c.acks},
+                  {"transfer", c.transfers.empty() ? "" : c.transfers.back()},
                   {"transfers", c.transfers},
                   {"wire_bytes", c.wire_bytes},
                   {"wire_ratio", std::round(wire_ratio(c, file_size) * 1000) / 1000},

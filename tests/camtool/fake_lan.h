@@ -34,6 +34,7 @@ struct fake_camera {
   bool reports = true;        // sends its post-upgrade report when back
   uint32_t norm_node = 0;     // takes the NORM offer as this node; 0: never
   bool norm_acks = true;      // acknowledges the NORM file to the sender
+  int norm_gives_up = 0;      // NORM sessions it gives up ('2', then it reboots)
   std::string mtd = "mtd0: 00080000 00010000 \"boot\"\nmtd1: 00300000 00010000 \"kernel\"\n";
   // What happened to it.
   std::vector<std::string> announced_sessions;
@@ -205,6 +206,12 @@ class fake_lan : public camtool::transport {
       if (!c.busy || !c.by_norm || c.session != info || down(c) ||
           std::find(nodes.begin(), nodes.end(), c.norm_node) == nodes.end())
         continue;
+      if (c.norm_gives_up > 0) {
+        c.norm_gives_up--;
+        reply(channel::batch, c, 0.2, ack(c, c.session, '2') + "\r\nReason:silence");
+        reboot(c, 1.0);
+        continue;
+      }
       c.stored = data;
       if (c.norm_acks) acked.push_back(c.norm_node);
       verdict(c);

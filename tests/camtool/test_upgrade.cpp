@@ -328,25 +328,46 @@ TEST(UpgradeNorm, AMixedSiteInOneCommand) {
 }
 
 // A NORM camera whose md5 failed is announced to again with the offer and
-// gets the file from a second session, alone; a session that cannot start
-// fails its cameras at once and leaves the stream's alone.
+// gets the file from a second session, alone; one that gave its session up
+// ('2', and it reboots) is sent the stream in the next round; a session that
+// cannot start fails its cameras at once and leaves the stream's alone.
 TEST(UpgradeNorm, RoundsAgainAndASessionThatCannotStart) {
-  fake_camera a = cam('a'), b = cam('b');
+  fake_camera a = cam('a'), b = cam('b'), c = cam('c');
   a.norm_node = 101;
   a.md5_failures = 1;
   b.norm_node = 102;
-  fake_lan lan({a, b});
+  c.norm_node = 103;
+  c.norm_gives_up = 1;
+  fake_lan lan({a, b, c});
   fake_norm sender(lan);
-  run_result r = upgrade(lan, random_bytes(40000), to({id_of('a'), id_of('b')}), &sender);
+  const std::string data = random_bytes(40000);
+  run_result r = upgrade(lan, data, to({id_of('a'), id_of('b'), id_of('c')}), &sender);
   EXPECT_EQ(r.status, 0) << r.log;
   EXPECT_EQ(r.by_id[id_of('a')]["acks"], json::array({"06", "057"}));
   EXPECT_EQ(r.by_id[id_of('a')]["transfers"], json::array({"norm", "norm"}));
   EXPECT_EQ(r.by_id[id_of('a')]["wire_ratio"], 2.1);
-  ASSERT_EQ(lan.announcements().size(), 2u);
-  EXPECT_NE(lan.announcements()[1].find("Transfer:NORM "), std::string::npos);
+  EXPECT_EQ(r.by_id[id_of('c')]["acks"], json::array({"02", "057"}));
+  EXPECT_EQ(r.by_id[id_of('c')]["transfers"], json::array({"norm", "stream"}));
+  EXPECT_EQ(r.by_id[id_of('c')]["transfer"], "stream");
+  EXPECT_EQ(lan.cams[2].stored, data);
+  // Round 2: one announcement with the offer (a), one without (c).
+  const auto announced = lan.announcements();
+  ASSERT_EQ(announced.size(), 3u);
+  EXPECT_NE(announced[1].find(id_of('a')), std::string::npos);
+  EXPECT_NE(announced[1].find("Transfer:NORM "), std::string::npos);
+  EXPECT_NE(announced[2].find(id_of('c')), std::string::npos);
+  EXPECT_EQ(announced[2].find("Transfer:"), std::string::npos);
   ASSERT_EQ(sender.sessions.size(), 2u);
   EXPECT_EQ(sender.sessions[1].nodes, std::vector<uint32_t>{101});
   EXPECT_EQ(sender.sessions[1].info, lan.cams[0].announced_sessions[1]);
+
+  c.norm_gives_up = 2;
+  fake_lan twice({c});
+  fake_norm again(twice);
+  camtool::upgrade_options once = to({id_of('c')});
+  once.retries = 0;
+  run_result g = upgrade(twice, data, once, &again);
+  EXPECT_EQ(g.by_id[id_of('c')]["outcome"], "NORM transfer failed (silence)") << g.log;
 
   fake_camera n = cam('a'), s = cam('b');
   n.norm_node = 101;

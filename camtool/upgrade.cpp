@@ -42,6 +42,9 @@ constexpr double kDownGap = 2.0;
 // did not reboot (a camera started in debug mode keeps running).
 constexpr double kRebootGrace = 15.0;
 constexpr double kAnnounceResend = 10.0;
+// The longest wait for the other cameras' answers once one camera took the
+// NORM offer: well inside the time it waits for NORM data (30 s by default).
+constexpr double kNormAnswerGrace = 10.0;
 
 const char* ack_words(char code) {
   switch (code) {
@@ -214,6 +217,7 @@ class upgrade_run {
         case wire::ACK_READY:
           c->ready = a->code;
           if (norm_ != nullptr) c->norm_node = a->norm_node;
+          if (c->norm_node && first_norm_ready_ == time_point{}) first_norm_ready_ = now;
           break;
         case wire::ACK_NO_SPACE:
         case wire::ACK_BUSY:
@@ -310,11 +314,18 @@ class upgrade_run {
     err_ << "round " << round << ": announcing to " << names.size() << " camera(s), session "
          << session_ << "\n";
     time_point start = net_.now(), end = after(start, o_.answer_wait);
+    first_norm_ready_ = time_point{};
+    // A camera that took NORM gives up when no NORM data comes for a while
+    // after its '0': once one did, the others have kNormAnswerGrace to answer.
+    auto deadline = [&] {
+      return first_norm_ready_ == time_point{} ? end
+                                               : std::min(end, after(first_norm_ready_, kNormAnswerGrace));
+    };
     while (!interrupted()) {
       std::vector<std::string> silent;
       for (camera_state* c : names)
         if (c->ready == 0) silent.push_back(c->id);
-      if (silent.empty() || net_.now() >= end) break;
+      if (silent.empty() || net_.now() >= deadline()) break;
       // The offer goes to every camera but those whose NORM transfer failed before.
       std::vector<std::string> offered, not_offered;
       for (const std::string& id : silent) (camera(id)->stream_only ? not_offered : offered).push_back(id);
@@ -323,13 +334,14 @@ class upgrade_run {
                return announcement(ids, offer);
              }))
           net_.send(channel::batch, a);
-      time_point next = std::min(end, after(net_.now(), kAnnounceResend));
+      time_point next = std::min(deadline(), after(net_.now(), kAnnounceResend));
       while (net_.now() < next) {
         auto d = net_.receive(next);
         if (!d) break;
         handle(*d);
         if (std::all_of(names.begin(), names.end(), [](camera_state* c) { return c->ready != 0; }))
           break;
+        next = std::min(next, deadline());
       }
     }
     std::vector<camera_state*> ready;
@@ -433,7 +445,7 @@ class upgrade_run {
   norm_sender* norm_;  // nullptr: no camera is offered NORM
   std::string md5_, session_;
   std::vector<camera_state> cams_;
-  time_point stream_end_{};
+  time_point stream_end_{}, first_norm_ready_{};
 };
 
 }  // namespace

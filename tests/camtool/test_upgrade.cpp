@@ -54,6 +54,12 @@ run_result upgrade(fake_lan& lan, const std::string& data, camtool::upgrade_opti
   return r;
 }
 
+camtool::time_point announced_at(const fake_lan& lan) {
+  for (const auto& s : lan.sent)
+    if (s.data.find("File md5:") != std::string::npos) return s.at;
+  return camtool::time_point::max();
+}
+
 camtool::upgrade_options to(std::vector<std::string> ids) {
   camtool::upgrade_options o;
   o.to = std::move(ids);
@@ -306,8 +312,7 @@ TEST(UpgradeNorm, AMixedSiteInOneCommand) {
   EXPECT_EQ(session.nodes, (std::vector<uint32_t>{101, 103}));
   EXPECT_EQ(session.rate_bps, 50e6);
   // Started once every camera had answered (each takes 6 s), before the stream.
-  const auto announced = lan.sent.front().at;
-  EXPECT_LT(camtool::between(announced, session.started), 6.5);
+  EXPECT_LT(camtool::between(announced_at(lan), session.started), 6.5);
   uint64_t stream_bytes = 0;
   for (const auto& s : lan.sent)
     if (fake_lan::is_packet(s.data)) {
@@ -325,6 +330,19 @@ TEST(UpgradeNorm, AMixedSiteInOneCommand) {
   EXPECT_EQ(jb["transfers"], json::array({"stream"}));
   EXPECT_TRUE(jb["norm_acked"].is_null());
   EXPECT_EQ(jb["wire_bytes"], stream_bytes);
+
+  // A named camera that never answers holds the session back only briefly
+  // (the NORM cameras would give up), however long --answer-wait is.
+  fake_lan wait({a, b});
+  fake_norm late(wait);
+  camtool::upgrade_options o = to({id_of('a'), id_of('b'), id_of('f')});
+  o.answer_wait = 120;
+  run_result rw = upgrade(wait, data, o, &late);
+  ASSERT_EQ(late.sessions.size(), 1u) << rw.log;
+  EXPECT_LT(camtool::between(announced_at(wait), late.sessions[0].started), 6 + 10.5);
+  EXPECT_EQ(rw.by_id[id_of('a')]["outcome"], "upgraded");
+  EXPECT_EQ(rw.by_id[id_of('b')]["outcome"], "upgraded");
+  EXPECT_EQ(rw.by_id[id_of('f')]["outcome"], "no answer to the announcement");
 }
 
 // A NORM camera whose md5 failed is announced to again with the offer and

@@ -35,9 +35,14 @@ class norm_sender {
   virtual void start(file_source& file, const std::string& info, const std::vector<uint32_t>& nodes,
                      const wire::norm_offer& group, double rate_bps) = 0;
   // Takes what the session reported since the last call (it never
-  // blocks); true once the session is over: every node acknowledged, or the
-  // rounds of acknowledgement requests are spent.
+  // blocks); true once every node acknowledged or the rounds of requests
+  // for acknowledgement are spent. Repairs go on until finish().
   virtual bool poll() = 0;
+  // The nodes that acknowledged the whole file so far.
+  virtual std::vector<uint32_t> acked() = 0;
+  // Asks the nodes that have not acknowledged again, for another set of
+  // rounds (a slow camera is still repairing its copy).
+  virtual void ask_again() = 0;
   // Ends the session, over or not, and tells what it did.
   virtual norm_outcome finish() = 0;
 };

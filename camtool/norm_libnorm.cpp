@@ -131,11 +131,24 @@ class libnorm_sender : public norm_sender {
     return over_;
   }
 
-  norm_outcome finish() override {
-    norm_outcome out;
+  std::vector<uint32_t> acked() override {
+    std::vector<uint32_t> out;
     if (session_ != NORM_SESSION_INVALID)
       for (uint32_t id : nodes_)
-        if (NormGetAckingStatus(session_, id) == NORM_ACK_SUCCESS) out.acked.push_back(id);
+        if (NormGetAckingStatus(session_, id) == NORM_ACK_SUCCESS) out.push_back(id);
+    return out;
+  }
+
+  void ask_again() override {
+    if (session_ == NORM_SESSION_INVALID) return;
+    rounds_ = 1;
+    over_ = false;
+    NormResetWatermark(session_);
+  }
+
+  norm_outcome finish() override {
+    norm_outcome out;
+    out.acked = acked();
     close();  // the protocol thread has ended: the count is complete
     out.wire_bytes = g_counted.load();
     return out;

@@ -78,7 +78,8 @@ uint64_t stream_file(const transfer_context& t, size_t cameras) {
   return sent_bits / 8;
 }
 
-norm_outcome norm_file(const transfer_context& t, norm_sender& sender, const std::vector<uint32_t>& nodes) {
+norm_outcome norm_file(const transfer_context& t, norm_sender& sender, const std::vector<uint32_t>& nodes,
+                       const std::function<bool(uint32_t)>& answered) {
   const double bps = norm_rate_bps(t.o.rate_mbit);
   const uint64_t size = t.file.size();
   t.err << "round " << t.round << ": NORM session to " << nodes.size() << " camera(s) at "
@@ -91,8 +92,17 @@ norm_outcome norm_file(const transfer_context& t, norm_sender& sender, const std
   const time_point limit = after(start, 3 * first_pass + 30);
   sender.start(t.file, t.session, nodes, t.o.norm_group, bps);
   bool over = false;
-  while (!interrupted() && !(over = sender.poll()) && t.net.now() < limit)
+  while (!interrupted() && t.net.now() < limit) {
+    if (sender.poll()) {
+      const std::vector<uint32_t> acked = sender.acked();
+      over = std::all_of(nodes.begin(), nodes.end(), [&](uint32_t n) {
+        return answered(n) || std::find(acked.begin(), acked.end(), n) != acked.end();
+      });
+      if (over) break;
+      sender.ask_again();
+    }
     t.wait_until(std::min(limit, after(t.net.now(), kNormPollEvery)));
+  }
   norm_outcome out = sender.finish();
   const double took = between(start, t.net.now());
   t.err << "round " << t.round << ": NORM " << (over ? "session over" : "session cut short") << " after "

@@ -32,11 +32,13 @@ struct transfer_context {
 uint64_t stream_file(const transfer_context& t, size_t cameras);
 
 // One NORM session to `nodes` (the cameras' node IDs), the file's info
-// being the round's session ID; it ends when every node acknowledged, when
-// the sender has spent its requests for acknowledgement, or at a time limit
-// long enough for several passes of the file. Throws tool_error when the
-// session cannot start.
-norm_outcome norm_file(const transfer_context& t, norm_sender& sender, const std::vector<uint32_t>& nodes);
+// being the round's session ID. It ends once every node has acknowledged
+// the file or its camera has answered for it (`answered`: its md5 verdict,
+// or it gave the transfer up); a node that has done neither is asked again,
+// and the repairs go on, up to a time limit long enough for several passes
+// of the file. Throws tool_error when the session cannot start.
+norm_outcome norm_file(const transfer_context& t, norm_sender& sender, const std::vector<uint32_t>& nodes,
+                       const std::function<bool(uint32_t)>& answered);
 
 // The NORM session's rate for --rate (Mbit/s of datagrams; 0 unpaced: the
 // session then runs at 1 Gbit/s).

@@ -348,7 +348,10 @@ class upgrade_run {
       std::vector<uint32_t> nodes;
       for (camera_state* c : by_norm) nodes.push_back(*c->norm_node);
       try {
-        norm_outcome n = norm_file(t, *norm_, nodes);
+        norm_outcome n = norm_file(t, *norm_, nodes, [&](uint32_t node) {
+          return std::any_of(by_norm.begin(), by_norm.end(),
+                             [&](camera_state* c) { return *c->norm_node == node && c->verdict != 0; });
+        });
         for (camera_state* c : by_norm) {
           c->transfers.back() = kTransferNormWord;
           c->wire_bytes += n.wire_bytes;

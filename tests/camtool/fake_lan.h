@@ -250,7 +250,8 @@ class fake_norm : public camtool::norm_sender {
     std::vector<uint32_t> nodes;
     wire::norm_offer group;
     double rate_bps;
-    time_point started;
+    time_point started, delivered{}, ended{};
+    int asked_again = 0;
   };
   std::vector<session> sessions;  // as started
   bool refuse = false;            // start() fails (the interface went away)
@@ -268,11 +269,15 @@ class fake_norm : public camtool::norm_sender {
   bool poll() override {
     if (!over_ && lan_.now() >= done_at_) {
       acked_ = lan_.norm_object(sessions.back().info, data_, sessions.back().nodes);
+      sessions.back().delivered = lan_.now();
       over_ = true;
     }
     return over_;
   }
+  std::vector<uint32_t> acked() override { return acked_; }
+  void ask_again() override { sessions.back().asked_again++; }
   camtool::norm_outcome finish() override {
+    sessions.back().ended = lan_.now();
     return {static_cast<uint64_t>(static_cast<double>(data_.size()) * 1.05), acked_};
   }
 

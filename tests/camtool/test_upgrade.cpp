@@ -326,6 +326,10 @@ TEST(UpgradeNorm, AMixedSiteInOneCommand) {
   EXPECT_EQ(ja["wire_bytes"], static_cast<uint64_t>(data.size() * 1.05));
   EXPECT_EQ(ja["wire_ratio"], 1.05);
   EXPECT_EQ(r.by_id[id_of('c')]["norm_acked"], false);
+  // The session went on asking c until its '5' came (0.2 s after the file).
+  EXPECT_GT(session.asked_again, 0);
+  EXPECT_GE(camtool::between(session.delivered, session.ended), 0.2);
+  EXPECT_LT(camtool::between(session.delivered, session.ended), 0.5);
   const json& jb = r.by_id[id_of('b')];
   EXPECT_EQ(jb["transfers"], json::array({"stream"}));
   EXPECT_TRUE(jb["norm_acked"].is_null());

@@ -10,6 +10,7 @@
 #include "camtool/finder.h"
 #include "camtool/keys.h"
 #include "camtool/net.h"
+#include "camtool/norm.h"
 #include "camtool/os.h"
 #include "camtool/partner.h"
 #include "camtool/status.h"
@@ -150,9 +151,19 @@ int main(int argc, char** argv) {
       "secret key file: sign the file for keyed cameras (the signature travels at its end)");
   upgrade->add_option("--signature", up_sig, "the file's detached signature (FILE.minisig) instead")
       ->excludes(up_key_opt);
-  upgrade->add_option("--rate", uo.rate_mbit, "Mbit/s of the stream; 0 sends unpaced")
+  upgrade->add_option("--rate", uo.rate_mbit,
+                      "Mbit/s of the stream and the NORM session; 0 sends the stream unpaced")
       ->capture_default_str()
       ->check(CLI::NonNegativeNumber);
+  std::string transfer = "auto", norm_group = kNormGroupDefault;
+  upgrade->add_option("--transfer", transfer,
+                      "auto: cameras that can take the file over NORM get it that way, the\n"
+                      "others the stream (camtool for Windows: the stream only); stream: the\n"
+                      "stream only, offered to no camera")
+      ->capture_default_str()
+      ->check(CLI::IsMember({"auto", "stream"}));
+  upgrade->add_option("--norm-group", norm_group, "multicast group and port of the NORM session")
+      ->capture_default_str();
   upgrade->add_option("--retries", uo.retries, "rounds again for cameras whose md5 failed")
       ->capture_default_str()
       ->check(CLI::NonNegativeNumber);
@@ -281,9 +292,15 @@ int main(int argc, char** argv) {
       uo.file_name = os::base_name(file);
       if (!up_key.empty() || !up_sig.empty())
         f = signed_upgrade_file(std::move(f), uo.file_name, up_key, up_sig, terminal_passphrase());
+      uo.transfer = transfer == "stream" ? transfer_mode::stream : transfer_mode::automatic;
+      uo.norm_group = parse_norm_group(norm_group);
       check_upgrade(uo, f->size());
-      lazy_lan lan(lan_opener(s, {channel::batch, channel::status}));
-      return run_upgrade(lan(), client_id, *f, uo, std::cout, std::cerr);
+      // NORM talks on the interface the batch group is joined on.
+      iface_choice iface = choose_interface(list_interfaces(), s.iface, default_route_interface());
+      auto net = open_lan(iface, {channel::batch, channel::status});
+      std::unique_ptr<norm_sender> norm;
+      if (uo.transfer == transfer_mode::automatic) norm = make_norm_sender(iface.name);
+      return run_upgrade(*net, client_id, *f, uo, std::cout, std::cerr, norm.get());
     }
     if (status->parsed()) {
       st.json = s.json;

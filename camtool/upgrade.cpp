@@ -1,39 +1,21 @@
 #include "camtool/upgrade.h"
 
-#include <nettle/md5.h>
-
 #include <algorithm>
-#include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <map>
-#include <nlohmann/json.hpp>
 
 #include "camtool/commands.h"
 #include "camtool/finder.h"
 #include "camtool/output.h"
+#include "camtool/transfer.h"
+#include "camtool/upgrade_camera.h"
 #include "wire/commands.h"
-#include "wire/file_name.h"
 #include "wire/replies.h"
 #include "wire/upgrade.h"
 
 namespace camtool {
 
 namespace {
-
-using nlohmann::json;
-
-class string_file : public file_source {
- public:
-  explicit string_file(std::string data) : data_(std::move(data)) {}
-  uint64_t size() const override { return data_.size(); }
-  void read(uint64_t offset, char* buf, size_t len) override {
-    memcpy(buf, data_.data() + offset, len);
-  }
-
- private:
-  std::string data_;
-};
 
 // After its terminal acknowledgement a camera answers searches until it
 // reboots; silence this long is reported as going down. Only its uptime
@@ -43,6 +25,9 @@ constexpr double kDownGap = 2.0;
 // did not reboot (a camera started in debug mode keeps running).
 constexpr double kRebootGrace = 15.0;
 constexpr double kAnnounceResend = 10.0;
+// The longest wait for the other cameras' answers once one camera took the
+// NORM offer: well inside the time it waits for NORM data (30 s by default).
+constexpr double kNormAnswerGrace = 10.0;
 
 const char* ack_words(char code) {
   switch (code) {
@@ -68,50 +53,12 @@ const char* mode_words(int mode) {
   return "one partition";
 }
 
-struct camera_state {
-  std::string id, ip, model, version_before, version_after;
-  bool found = false;  // answered the search before the upgrade
-  std::string refused;  // why the file is not for this camera
-  std::vector<std::string> acks;  // per round
-  // This round.
-  char ready = 0, verdict = 0, result = 0;
-  time_point verdict_at{}, ended{}, last_answer{}, back_at{};
-  bool in_round = false, expect_reboot = false, went_down = false;
-  bool rebooted = false, back = false, settled = false;
-  uint64_t uptime = 0;  // as last heard, and when
-  time_point uptime_at{};
-  bool reported = false, confirmed = false;
-  bool signature_refused = false;  // a keyed camera's '6': another round would not help
-
-  void new_round() {
-    acks.emplace_back();
-    ready = verdict = result = 0;
-    in_round = true;
-    expect_reboot = went_down = rebooted = back = settled = reported = confirmed = false;
-  }
-  bool ok() const { return result == wire::ACK_INSTALLED && back; }
-  std::string outcome() const {
-    if (!refused.empty()) return refused;
-    if (ready == 0) return "no answer to the announcement";
-    if (ready == wire::ACK_NO_SPACE) return "not enough space in /dev";
-    if (ready == wire::ACK_BUSY) return "busy with another upgrade";
-    if (verdict == 0) return "no md5 answer after the transfer";
-    if (verdict == wire::ACK_WRITE_FAILED) return "could not store the file";
-    if (verdict == wire::ACK_MD5_BAD && signature_refused)
-      return "signature refused (the camera has site keys: --key or --signature)";
-    if (verdict == wire::ACK_MD5_BAD) return back ? "md5 failed" : "md5 failed, not back";
-    if (result == 0) return "no answer from the installation";
-    if (result == wire::ACK_ARM_FAILED) return "controller programming failed";
-    if (result == wire::ACK_WRITE_FAILED) return "installation failed";
-    return back ? "upgraded" : "installed, not back";
-  }
-};
-
 class upgrade_run {
  public:
   upgrade_run(transport& net, std::string client_id, file_source& file, const upgrade_options& o,
-              std::ostream& err)
-      : net_(net), client_(std::move(client_id)), file_(file), o_(o), err_(err) {}
+              std::ostream& err, norm_sender* norm)
+      : net_(net), client_(std::move(client_id)), file_(file), o_(o), err_(err),
+        norm_(o.transfer == transfer_mode::automatic ? norm : nullptr) {}
 
   int run(std::ostream& out) {
     md5_ = file_md5(file_);
@@ -124,14 +71,16 @@ class upgrade_run {
       if (c.refused.empty()) names.push_back(&c);
     for (int round = 1; !names.empty() && round <= 1 + o_.retries; ++round) {
       if (round > 1)
-        err_ << "round " << round << ": again for " << names.size() << " camera(s) whose md5 failed\n";
+        err_ << "round " << round << ": again for " << names.size()
+             << " camera(s) whose md5 or NORM transfer failed\n";
       one_round(round, names);
       names.clear();
       for (auto& c : cams_)
-        if (c.in_round && c.verdict == wire::ACK_MD5_BAD && !c.signature_refused && c.back)
+        if (c.in_round && c.back &&
+            ((c.verdict == wire::ACK_MD5_BAD && !c.signature_refused) || c.norm_failed()))
           names.push_back(&c);
     }
-    report(out);
+    print_upgrade_report(out, cams_, o_.json, file_.size());
     bool all_ok = !cams_.empty();
     for (const auto& c : cams_) all_ok = all_ok && c.ok();
     return all_ok ? 0 : kExitFailed;
@@ -236,12 +185,22 @@ class upgrade_run {
       if (a->code == wire::ACK_BUSY && c->ready == wire::ACK_READY) return;  // a resent announcement
       c->acks.back() += a->code;
       const bool signature = a->code == wire::ACK_MD5_BAD && a->reason == wire::kReasonSignature;
+      // A '2' instead of the verdict from a camera taking NORM: it gave the
+      // session up, and reboots.
+      const bool norm_gave_up = a->code == wire::ACK_WRITE_FAILED && c->verdict == 0 && c->norm_node;
       err_ << "  " << c->id << ": "
-           << (signature ? "signature refused, the camera reboots" : ack_words(a->code)) << " ("
-           << a->code << ")\n";
+           << (signature ? "signature refused, the camera reboots"
+               : norm_gave_up ? "NORM transfer given up (" + a->reason + "), the camera reboots"
+                              : ack_words(a->code))
+           << " (" << a->code << ")";
+      if (norm_ != nullptr && a->code == wire::ACK_READY && a->norm_node)
+        err_ << ", takes NORM (node " << *a->norm_node << ")";
+      err_ << "\n";
       switch (a->code) {
         case wire::ACK_READY:
           c->ready = a->code;
+          if (norm_ != nullptr) c->norm_node = a->norm_node;
+          if (c->norm_node && first_norm_ready_ == time_point{}) first_norm_ready_ = now;
           break;
         case wire::ACK_NO_SPACE:
         case wire::ACK_BUSY:
@@ -257,7 +216,12 @@ class upgrade_run {
           end_of_round(*c, now);
           break;
         case wire::ACK_WRITE_FAILED:
-          if (c->verdict == 0) {
+          if (norm_gave_up) {
+            c->verdict = a->code;
+            c->norm_gave_up = a->reason.empty() ? "no reason given" : a->reason;
+            c->stream_only = true;  // the next round sends it the stream
+            end_of_round(*c, now);
+          } else if (c->verdict == 0) {
             c->verdict = a->code;  // the file could not be stored; the camera stays up
           } else {
             c->result = a->code;
@@ -285,7 +249,7 @@ class upgrade_run {
       if (restarted && !c->rebooted) {
         c->rebooted = true;
         came_back(*c, now, r->version);
-      } else if (!c->back && c->verdict == wire::ACK_MD5_BAD &&
+      } else if (!c->back && (c->verdict == wire::ACK_MD5_BAD || c->norm_failed()) &&
                  between(c->ended, now) >= kRebootGrace) {
         came_back(*c, now, r->version);
       }
@@ -333,20 +297,34 @@ class upgrade_run {
     err_ << "round " << round << ": announcing to " << names.size() << " camera(s), session "
          << session_ << "\n";
     time_point start = net_.now(), end = after(start, o_.answer_wait);
+    first_norm_ready_ = time_point{};
+    // A camera that took NORM gives up when no NORM data comes for a while
+    // after its '0': once one did, the others have kNormAnswerGrace to answer.
+    auto deadline = [&] {
+      return first_norm_ready_ == time_point{} ? end
+                                               : std::min(end, after(first_norm_ready_, kNormAnswerGrace));
+    };
     while (!interrupted()) {
       std::vector<std::string> silent;
       for (camera_state* c : names)
         if (c->ready == 0) silent.push_back(c->id);
-      if (silent.empty() || net_.now() >= end) break;
-      for (const std::string& a : split_batch(silent, [&](const auto& ids) { return announcement(ids); }))
-        net_.send(channel::batch, a);
-      time_point next = std::min(end, after(net_.now(), kAnnounceResend));
+      if (silent.empty() || net_.now() >= deadline()) break;
+      // The offer goes to every camera but those whose NORM transfer failed before.
+      std::vector<std::string> offered, not_offered;
+      for (const std::string& id : silent) (camera(id)->stream_only ? not_offered : offered).push_back(id);
+      for (bool offer : {true, false})
+        for (const std::string& a : split_batch(offer ? offered : not_offered, [&](const auto& ids) {
+               return announcement(ids, offer);
+             }))
+          net_.send(channel::batch, a);
+      time_point next = std::min(deadline(), after(net_.now(), kAnnounceResend));
       while (net_.now() < next) {
         auto d = net_.receive(next);
         if (!d) break;
         handle(*d);
         if (std::all_of(names.begin(), names.end(), [](camera_state* c) { return c->ready != 0; }))
           break;
+        next = std::min(next, deadline());
       }
     }
     std::vector<camera_state*> ready;
@@ -355,12 +333,47 @@ class upgrade_run {
       if (c->ready == 0) err_ << "  " << c->id << ": no answer to the announcement\n";
     }
     if (ready.empty()) return;
-    stream(round, ready.size());
+    transfer(round, ready);
     follow(ready);
   }
 
+  // NORM first (its cameras give up when no NORM data comes for a while
+  // after their '0'), then the stream for the rest (the NORM cameras ignore
+  // its packets).
+  void transfer(int round, const std::vector<camera_state*>& ready) {
+    std::vector<camera_state*> by_norm, by_stream;
+    for (camera_state* c : ready) (c->norm_node ? by_norm : by_stream).push_back(c);
+    transfer_context t{net_, file_, session_, o_, err_, round, [this](time_point at) { wait_until(at); }};
+    if (!by_norm.empty()) {
+      std::vector<uint32_t> nodes;
+      for (camera_state* c : by_norm) nodes.push_back(*c->norm_node);
+      try {
+        norm_outcome n = norm_file(t, *norm_, nodes, [&](uint32_t node) {
+          return std::any_of(by_norm.begin(), by_norm.end(),
+                             [&](camera_state* c) { return *c->norm_node == node && c->verdict != 0; });
+        });
+        for (camera_state* c : by_norm) {
+          c->transfers.back() = kTransferNormWord;
+          c->wire_bytes += n.wire_bytes;
+          c->norm_acked = std::find(n.acked.begin(), n.acked.end(), *c->norm_node) != n.acked.end();
+        }
+      } catch (const tool_error& e) {
+        err_ << "round " << round << ": the NORM session did not start: " << e.what() << "\n";
+        for (camera_state* c : by_norm) c->transfer_failed = std::string("NORM failed: ") + e.what();
+      }
+    }
+    if (!by_stream.empty()) {
+      uint64_t bytes = stream_file(t, by_stream.size());
+      for (camera_state* c : by_stream) {
+        c->transfers.back() = kTransferStreamWord;
+        c->wire_bytes += bytes;
+      }
+    }
+    stream_end_ = net_.now();
+  }
+
   // One datagram; a long list of cameras takes several (split_batch).
-  std::string announcement(const std::vector<std::string>& ids) const {
+  std::string announcement(const std::vector<std::string>& ids, bool offer) const {
     wire::announcement a;
     a.device_ids = ids;
     a.client_id = client_;
@@ -369,64 +382,15 @@ class upgrade_run {
     a.md5 = md5_;
     a.file_size = file_.size();
     a.mode = o_.mode;
-    return wire::build_announcement(a);
-  }
-
-  void stream(int round, size_t cameras) {
-    const uint64_t size = file_.size();
-    // At least two packets: the first opens the file, the last checks it.
-    uint64_t count = std::max<uint64_t>(2, (size + wire::kPacketDataMax - 1) / wire::kPacketDataMax);
-    uint64_t piece = count == 2 ? (size + 1) / 2 : wire::kPacketDataMax;
-    const double bps = o_.rate_mbit * 1e6;
-    err_ << "round " << round << ": streaming " << count << " packets";
-    if (bps > 0) err_ << " at " << o_.rate_mbit << " Mbit/s";
-    err_ << " to " << cameras << " camera(s)\n";
-
-    std::string data(static_cast<size_t>(wire::kPacketDataMax), '\0');
-    time_point start = net_.now(), anchor = start, shown = start;
-    uint64_t sent_bits = 0, offset = 0;
-    int last_quarter = 0;
-    for (uint64_t i = 0; i < count; ++i) {
-      size_t len = static_cast<size_t>(std::min<uint64_t>(piece, size - offset));
-      if (i + 1 == count) len = static_cast<size_t>(size - offset);
-      if (bps > 0) {
-        time_point due = after(anchor, static_cast<double>(sent_bits) / bps);
-        wait_until(due);
-        // Late by more than a little (the machine was busy): move the
-        // schedule instead of sending a burst the cameras could not take.
-        if (between(due, net_.now()) > 0.02) anchor += net_.now() - due;
-      } else {
-        wait_until(net_.now());
-      }
-      file_.read(offset, data.data(), len);
-      char kind = i == 0 ? wire::kPacketFirst : i + 1 == count ? wire::kPacketLast : wire::kPacketMiddle;
-      std::string packet = wire::build_packet(kind, session_, data.data(), len);
-      net_.send(channel::batch, packet);
-      sent_bits += packet.size() * 8;
-      offset += len;
-      time_point now = net_.now();
-      double took = between(start, now);
-      double rate = took > 0 ? static_cast<double>(offset) * 8 / took : 0;
-      if (o_.live_progress && (between(shown, now) >= 0.2 || i + 1 == count)) {
-        err_ << "\r" << progress_line(offset, size, rate) << "\x1b[K" << std::flush;
-        shown = now;
-      } else if (!o_.live_progress && size > 0 && static_cast<int>(offset * 4 / size) > last_quarter) {
-        last_quarter = static_cast<int>(offset * 4 / size);
-        if (last_quarter < 4) err_ << progress_line(offset, size, rate) << "\n";
-      }
-    }
-    if (o_.live_progress) err_ << "\n";
-    double took = between(start, net_.now());
-    char rate[48] = "";
-    if (took > 0) snprintf(rate, sizeof(rate), " (%.1f Mbit/s)", static_cast<double>(sent_bits) / took / 1e6);
-    err_ << "round " << round << ": sent " << human_bytes(size) << " in " << seconds_text(took) << rate
-         << "\n";
-    stream_end_ = net_.now();
+    std::string text = wire::build_announcement(a);
+    if (offer && norm_ != nullptr) text += wire::transfer_offer_field(o_.norm_group);
+    return text;
   }
 
   bool settled(camera_state& c, time_point now) {
+    if (c.verdict == 0 && !c.transfer_failed.empty()) return true;
     if (c.verdict == 0) return between(stream_end_, now) > o_.verdict_wait;
-    if (c.verdict == wire::ACK_WRITE_FAILED) return true;
+    if (c.verdict == wire::ACK_WRITE_FAILED && !c.norm_failed()) return true;
     if (c.verdict == wire::ACK_MD5_OK && c.result == 0)
       return between(c.verdict_at, now) > o_.install_wait;
     if (!c.back) return between(c.ended, now) > o_.back_wait;
@@ -459,115 +423,23 @@ class upgrade_run {
     }
   }
 
-  void report(std::ostream& out) {
-    std::vector<std::vector<std::string>> rows;
-    for (const auto& c : cams_) {
-      std::string acks;
-      for (const auto& a : c.acks) {
-        if (!acks.empty()) acks += " / ";
-        std::string spaced;
-        for (char code : a) spaced += std::string(spaced.empty() ? "" : " ") + code;
-        acks += spaced.empty() ? "-" : spaced;
-      }
-      std::string version = c.version_before.empty() ? "?" : c.version_before;
-      if (c.back) version += " -> " + (c.version_after.empty() ? "?" : c.version_after);
-      if (o_.json) {
-        out << json{{"device_id", c.id},
-                    {"ip", c.ip},
-                    {"model", c.model},
-                    {"rounds", c.acks.size()},
-                    {"acks", c.acks},
-                    {"ready", std::string(c.ready ? 1 : 0, c.ready)},
-                    {"md5_ok", c.verdict == wire::ACK_MD5_OK},
-                    {"result", std::string(c.result ? 1 : 0, c.result)},
-                    {"rebooted", c.rebooted},
-                    {"back", c.back},
-                    {"version_before", c.version_before},
-                    {"version_after", c.version_after},
-                    {"reported", c.reported},
-                    {"confirmed", c.confirmed},
-                    {"outcome", c.outcome()},
-                    {"ok", c.ok()}}
-                   .dump()
-            << "\n";
-      }
-      rows.push_back({c.id, c.ip.empty() ? "?" : c.ip, acks, c.rebooted ? "yes" : "no",
-                      c.back ? "yes" : "no", version,
-                      c.confirmed ? "confirmed" : c.reported ? "seen" : "-", c.outcome()});
-    }
-    if (!o_.json) {
-      print_table(out, {"DEVICE ID", "IP", "ACKS", "REBOOT", "BACK", "VERSION", "REPORT", "RESULT"},
-                  rows);
-      size_t ok = static_cast<size_t>(std::count_if(cams_.begin(), cams_.end(),
-                                                    [](const camera_state& c) { return c.ok(); }));
-      out << ok << " of " << cams_.size() << " camera(s) upgraded\n";
-    }
-  }
-
   transport& net_;
   std::string client_;
   file_source& file_;
   const upgrade_options& o_;
   std::ostream& err_;
+  norm_sender* norm_;  // nullptr: no camera is offered NORM
   std::string md5_, session_;
   std::vector<camera_state> cams_;
-  time_point stream_end_{};
+  time_point stream_end_{}, first_norm_ready_{};
 };
 
 }  // namespace
 
-// open_file asks the system: os_*.cpp.
-
-std::unique_ptr<file_source> memory_file(std::string data) {
-  return std::make_unique<string_file>(std::move(data));
-}
-
-std::string file_md5(file_source& f) {
-  md5_ctx ctx;
-  md5_init(&ctx);
-  std::string buf(1 << 16, '\0');
-  for (uint64_t off = 0; off < f.size();) {
-    size_t len = static_cast<size_t>(std::min<uint64_t>(buf.size(), f.size() - off));
-    f.read(off, buf.data(), len);
-    md5_update(&ctx, len, reinterpret_cast<const uint8_t*>(buf.data()));
-    off += len;
-  }
-  uint8_t digest[MD5_DIGEST_SIZE];
-  md5_digest(&ctx, sizeof(digest), digest);
-  static const char kHex[] = "0123456789abcdef";
-  std::string out;
-  for (uint8_t b : digest) {
-    out += kHex[b >> 4];
-    out += kHex[b & 15];
-  }
-  return out;
-}
-
-void check_upgrade(const upgrade_options& o, uint64_t size) {
-  if (!is_safe_file_name(o.file_name.c_str()))
-    throw tool_error("the file name '" + o.file_name +
-                     "' would be refused by the cameras (use letters, digits, '.', '_', '-', '+')");
-  if (is_reserved_dev_name(o.file_name.c_str()))
-    throw tool_error("the file name '" + o.file_name +
-                     "' is one the cameras keep for their own files in /dev; rename the file");
-  if (o.file_name.size() > wire::kFileNameMax)
-    throw tool_error("the file name is longer than " + std::to_string(wire::kFileNameMax) + " characters");
-  if (size > kUpgradeSizeMax)
-    throw tool_error("the file has " + std::to_string(size) + " bytes; the announcement carries at most " +
-                     std::to_string(kUpgradeSizeMax));
-  if (o.mode < wire::MODE_SYSTEM || o.mode > kUpgradeModeMax)
-    throw tool_error("--mode " + std::to_string(o.mode) + " is not an upgrade mode (1 to " +
-                     std::to_string(kUpgradeModeMax) + ")");
-  if (o.all == !o.to.empty()) throw tool_error("name the cameras with --to ID[,ID...] or give --all");
-  for (const std::string& t : o.to) check_camera_argument(t);
-  if (o.rate_mbit < 0) throw tool_error("--rate must not be negative");
-  if (o.retries < 0) throw tool_error("--retries must not be negative");
-}
-
 int run_upgrade(transport& net, const std::string& client_id, file_source& file,
-                const upgrade_options& o, std::ostream& out, std::ostream& err) {
+                const upgrade_options& o, std::ostream& out, std::ostream& err, norm_sender* norm) {
   check_upgrade(o, file.size());
-  return upgrade_run(net, client_id, file, o, err).run(out);
+  return upgrade_run(net, client_id, file, o, err, norm).run(out);
 }
 
 }  // namespace camtool

@@ -1,13 +1,17 @@
 // A LAN of simulated cameras on a virtual clock, for camtool's tests: the
 // cameras answer searches, announcements and transfer packets as the real
-// ones do, reboot after their verdict and report when they are back.
+// ones do, reboot after their verdict and report when they are back. A
+// camera with a NORM node ID takes the NORM offer and then the file from
+// `fake_norm` (a NORM session on the same clock) instead of the packets.
 #pragma once
 
+#include <algorithm>
 #include <map>
 #include <string>
 #include <vector>
 
 #include "camtool/net.h"
+#include "camtool/norm.h"
 #include "camtool/upgrade.h"
 #include "wire/replies.h"
 #include "wire/text.h"
@@ -28,6 +32,9 @@ struct fake_camera {
   double down_for = 5.0;      // seconds between its reboot and its return
   bool reboots = true;        // false: a camera started in debug mode after a bad md5
   bool reports = true;        // sends its post-upgrade report when back
+  uint32_t norm_node = 0;     // takes the NORM offer as this node; 0: never
+  bool norm_acks = true;      // acknowledges the NORM file to the sender
+  int norm_gives_up = 0;      // NORM sessions it gives up ('2', then it reboots)
   std::string mtd = "mtd0: 00080000 00010000 \"boot\"\nmtd1: 00300000 00010000 \"kernel\"\n";
   // What happened to it.
   std::vector<std::string> announced_sessions;
@@ -36,7 +43,7 @@ struct fake_camera {
   bool confirmed = false;
   // Its state.
   std::string session, md5, client;
-  bool busy = false;
+  bool busy = false, by_norm = false;
   time_point ready_at{}, down_from = time_point::max(), up_at{};
 };
 
@@ -175,15 +182,45 @@ class fake_lan : public camtool::transport {
     c.md5 = field(data, "File md5:", 32);
     c.announced_sessions.push_back(c.session);
     c.busy = c.ready_code == '0';
+    c.by_norm = c.busy && c.norm_node != 0 && wire::read_transfer_offer(data);
     c.ready_at = camtool::after(now_, c.ready_delay);
-    reply(channel::batch, c, c.ready_delay, ack(c, c.session, c.ready_code));
+    reply(channel::batch, c, c.ready_delay,
+          ack(c, c.session, c.ready_code) + (c.by_norm ? wire::transfer_answer_field(c.norm_node) : ""));
   }
 
   void packet(fake_camera& c, const wire::packet_view& p) {
-    if (!c.busy || p.session != c.session || now_ < c.ready_at) return;
+    if (!c.busy || c.by_norm || p.session != c.session || now_ < c.ready_at) return;
     if (p.kind == 'b') c.stored.assign(p.data, p.len);
     if (p.kind == 't' || p.kind == 'o') c.stored.append(p.data, p.len);
-    if (p.kind != 'o') return;
+    if (p.kind == 'o') verdict(c);
+  }
+
+ public:
+  // A NORM session's file object, whole, to the cameras listening as one
+  // of `nodes` for this session (the object's info); true for each that
+  // acknowledges it.
+  std::vector<uint32_t> norm_object(const std::string& info, const std::string& data,
+                                    const std::vector<uint32_t>& nodes) {
+    std::vector<uint32_t> acked;
+    for (fake_camera& c : cams) {
+      if (!c.busy || !c.by_norm || c.session != info || down(c) ||
+          std::find(nodes.begin(), nodes.end(), c.norm_node) == nodes.end())
+        continue;
+      if (c.norm_gives_up > 0) {
+        c.norm_gives_up--;
+        reply(channel::batch, c, 0.2, ack(c, c.session, '2') + "\r\nReason:silence");
+        reboot(c, 1.0);
+        continue;
+      }
+      c.stored = data;
+      if (c.norm_acks) acked.push_back(c.norm_node);
+      verdict(c);
+    }
+    return acked;
+  }
+
+ private:
+  void verdict(fake_camera& c) {
     auto file = camtool::memory_file(c.stored);
     bool good = camtool::file_md5(*file) == c.md5 && c.md5_failures == 0;
     if (!good) {
@@ -199,6 +236,57 @@ class fake_lan : public camtool::transport {
 
   time_point now_ = time_point{} + std::chrono::hours(1);
   std::multimap<time_point, datagram> queue_;
+};
+
+// A NORM session on the LAN's clock: the file reaches the cameras once its
+// bytes have had their time at the rate; the wire carries 5 % more than
+// the file (what a real session's headers and a little repair would add).
+class fake_norm : public camtool::norm_sender {
+ public:
+  explicit fake_norm(fake_lan& lan) : lan_(lan) {}
+
+  struct session {
+    std::string info;
+    std::vector<uint32_t> nodes;
+    wire::norm_offer group;
+    double rate_bps;
+    time_point started, delivered{}, ended{};
+    int asked_again = 0;
+  };
+  std::vector<session> sessions;  // as started
+  bool refuse = false;            // start() fails (the interface went away)
+
+  void start(camtool::file_source& file, const std::string& info, const std::vector<uint32_t>& nodes,
+             const wire::norm_offer& group, double rate_bps) override {
+    if (refuse) throw camtool::tool_error("NORM refused interface eth9", camtool::kExitFailed);
+    sessions.push_back({info, nodes, group, rate_bps, lan_.now()});
+    data_.assign(file.size(), '\0');
+    file.read(0, data_.data(), data_.size());
+    done_at_ = camtool::after(lan_.now(), static_cast<double>(data_.size()) * 8 / rate_bps + 0.05);
+    acked_.clear();
+    over_ = false;
+  }
+  bool poll() override {
+    if (!over_ && lan_.now() >= done_at_) {
+      acked_ = lan_.norm_object(sessions.back().info, data_, sessions.back().nodes);
+      sessions.back().delivered = lan_.now();
+      over_ = true;
+    }
+    return over_;
+  }
+  std::vector<uint32_t> acked() override { return acked_; }
+  void ask_again() override { sessions.back().asked_again++; }
+  camtool::norm_outcome finish() override {
+    sessions.back().ended = lan_.now();
+    return {static_cast<uint64_t>(static_cast<double>(data_.size()) * 1.05), acked_};
+  }
+
+ private:
+  fake_lan& lan_;
+  std::string data_;
+  time_point done_at_{};
+  std::vector<uint32_t> acked_;
+  bool over_ = false;
 };
 
 }  // namespace camtool_test

@@ -183,6 +183,9 @@ class upgrade_run {
       bool ours = a->client_id == session_ || (a->code == wire::ACK_BUSY && a->client_id == client_);
       if (!ours) return;
       if (a->code == wire::ACK_BUSY && c->ready == wire::ACK_READY) return;  // a resent announcement
+      // A camera in a NORM session sends each answer three times; no answer
+      // follows itself otherwise.
+      if (!c->acks.back().empty() && c->acks.back().back() == a->code) return;
       c->acks.back() += a->code;
       const bool signature = a->code == wire::ACK_MD5_BAD && a->reason == wire::kReasonSignature;
       // A '2' instead of the verdict from a camera taking NORM: it gave the
@@ -245,6 +248,7 @@ class upgrade_run {
                            static_cast<double>(c->uptime) + between(c->uptime_at, now);
       c->uptime = r->uptime;
       c->uptime_at = now;
+      if (restarted) installation_answer_lost(*c, now);
       if (!c->expect_reboot || now <= c->ended) return;
       if (restarted && !c->rebooted) {
         c->rebooted = true;
@@ -260,6 +264,7 @@ class upgrade_run {
       // the camera's last acknowledgement.
       net_.send(channel::status, wire::status_confirmation(c->id, client_));
       err_ << "  " << c->id << ": post-upgrade report, version " << s->version << "; confirmed\n";
+      installation_answer_lost(*c, now);
       if (!c->expect_reboot) return;
       c->reported = c->confirmed = true;
       if (!c->rebooted) {
@@ -267,6 +272,14 @@ class upgrade_run {
         came_back(*c, now, s->version);
       }
     }
+  }
+
+  // A camera that restarted after its '5' without an installation answer
+  // heard: the answer was lost (every installation ends in a reboot).
+  void installation_answer_lost(camera_state& c, time_point now) {
+    if (c.expect_reboot || c.verdict != wire::ACK_MD5_OK || c.result != 0) return;
+    err_ << "  " << c.id << ": restarted, its installation's answer was not heard\n";
+    end_of_round(c, now - std::chrono::seconds(1));
   }
 
   void end_of_round(camera_state& c, time_point now) {
@@ -391,7 +404,7 @@ class upgrade_run {
     if (c.verdict == 0 && !c.transfer_failed.empty()) return true;
     if (c.verdict == 0) return between(stream_end_, now) > o_.verdict_wait;
     if (c.verdict == wire::ACK_WRITE_FAILED && !c.norm_failed()) return true;
-    if (c.verdict == wire::ACK_MD5_OK && c.result == 0)
+    if (c.verdict == wire::ACK_MD5_OK && c.result == 0 && !c.back)
       return between(c.verdict_at, now) > o_.install_wait;
     if (!c.back) return between(c.ended, now) > o_.back_wait;
     if (c.result == wire::ACK_INSTALLED && !c.reported) return between(c.back_at, now) > o_.report_wait;

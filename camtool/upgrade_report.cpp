@@ -55,7 +55,8 @@ std::string camera_state::outcome() const {
   if (verdict == wire::ACK_MD5_BAD && signature_refused)
     return "signature refused (the camera has site keys: --key or --signature)";
   if (verdict == wire::ACK_MD5_BAD) return back ? "md5 failed" : "md5 failed, not back";
-  if (result == 0) return "no answer from the installation";
+  if (result == 0) return back ? "back after its reboot, its installation's answer not heard"
+                                : "no answer from the installation";
   if (result == wire::ACK_ARM_FAILED) return "controller programming failed";
   if (result == wire::ACK_WRITE_FAILED) return "installation failed";
   return back ? "upgraded" : "installed, not back";

@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
@@ -255,10 +256,29 @@ bool install_partition(mcast_endpoint* ep, const char* path, int index) {
 
 }  // namespace
 
+namespace {
+std::atomic<int> g_ack_copies{1};
+constexpr uint64_t kCopyGapUs = 20000;
+}  // namespace
+
+void set_upgrade_ack_copies(int copies) { g_ack_copies = copies < 1 ? 1 : copies; }
+
+void send_ack_text(mcast_endpoint* ep, const std::string& text) {
+  const int copies = g_ack_copies.load();
+  for (int i = 0; i < copies; ++i) {
+    if (i > 0) sys().sleep_us(kCopyGapUs);
+    mcast_send_data(ep, text.c_str());
+  }
+}
+
 void send_upgrade_ack(mcast_endpoint* ep, char code) {
   char buf[256];
   build_upgrade_ack(buf, code);
-  mcast_send_data(ep, buf);
+  // '9' answers whoever asked, once, whatever session runs.
+  if (code == wire::ACK_BUSY)
+    mcast_send_data(ep, buf);
+  else
+    send_ack_text(ep, buf);
 }
 
 bool install_upgrade_file(mcast_endpoint* ep, const char* path, int mode, int file_size) {

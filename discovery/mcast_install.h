@@ -4,8 +4,17 @@
 
 #include "discovery/mcast.h"
 
-// "REPLYU DO" with acknowledgement `code` to ep's group.
+#include <string>
+
+// "REPLYU DO" with acknowledgement `code` to ep's group, as many copies as
+// set below ('9' always once).
 void send_upgrade_ack(mcast_endpoint* ep, char code);
+// An acknowledgement's whole text (with fields after the code), the same way.
+void send_ack_text(mcast_endpoint* ep, const std::string& text);
+// Copies of each acknowledgement, 20 ms apart: 1, except in a NORM session,
+// whose tool asked for it and drops repeats, and whose answers cross the
+// same lossy LAN as the file (3).
+void set_upgrade_ack_copies(int copies);
 
 // Installs the file at `path` (a camera path under "/dev/") by `mode`:
 // 1 zip package, 2 controller image, 3 package with boot loader, kernel and

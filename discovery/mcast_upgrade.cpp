@@ -40,6 +40,9 @@
 namespace {
 
 constexpr uint64_t kRefusePauseUs = 200000;
+// Each answer of a NORM session goes out this many times (its tool drops
+// repeats): a lost '0' or '7' would otherwise cost the camera its session.
+constexpr int kNormAckCopies = 3;
 
 struct upgrade_state {
   // The accepted announcement: packets of its session are stored.
@@ -129,8 +132,7 @@ void answer_refused(mcast_endpoint* ep, const char* reason = nullptr) {
   } else {
     char buf[256];
     build_upgrade_ack(buf, wire::ACK_MD5_BAD);
-    const std::string msg = std::string(buf) + "\r\n" + wire::kReasonKey + reason;
-    mcast_send_data(ep, msg.c_str());
+    send_ack_text(ep, std::string(buf) + "\r\n" + wire::kReasonKey + reason);
   }
   sys().sleep_us(kRefusePauseUs);
   sys().sync();
@@ -174,7 +176,8 @@ void handle_announcement(mcast_endpoint* ep, const char* msg) {
     return;
   }
   // A new announcement ends the transfer before it: only an accepted one
-  // opens a new session.
+  // opens a new session (and only a NORM one repeats its answers).
+  set_upgrade_ack_copies(1);
   close_file();
   g_up.session[0] = '\0';
   const wire::announced_fields f = wire::read_announcement(msg);
@@ -213,9 +216,10 @@ void handle_announcement(mcast_endpoint* ep, const char* msg) {
   const auto offer = wire::read_transfer_offer(msg);
   uint32_t node = 0;
   if (offer && daemon_state.site.norm_transfer == 1 && start_norm_transfer(ep, *offer, &node)) {
+    set_upgrade_ack_copies(kNormAckCopies);
     char buf[256];
     build_upgrade_ack(buf, wire::ACK_READY);
-    mcast_send_data(ep, (std::string(buf) + wire::transfer_answer_field(node)).c_str());
+    send_ack_text(ep, std::string(buf) + wire::transfer_answer_field(node));
   } else {
     send_upgrade_ack(ep, wire::ACK_READY);
   }
@@ -290,7 +294,7 @@ void norm_give_up(mcast_endpoint* ep, norm_outcome out) {
   DBG_ERR("norm transfer ended: %s\n", norm_outcome_name(out));
   char buf[256];
   build_upgrade_ack(buf, wire::ACK_WRITE_FAILED);
-  mcast_send_data(ep, (std::string(buf) + "\r\n" + wire::kReasonKey + norm_outcome_name(out)).c_str());
+  send_ack_text(ep, std::string(buf) + "\r\n" + wire::kReasonKey + norm_outcome_name(out));
   sys().sleep_us(kRefusePauseUs);
   sys().sync();
   if (debug_mode()) return;
@@ -502,4 +506,5 @@ void reset_mcast_upgrade() {
   close_file();
   g_up = upgrade_state{};
   g_installing = false;
+  set_upgrade_ack_copies(1);
 }

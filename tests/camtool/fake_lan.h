@@ -35,6 +35,8 @@ struct fake_camera {
   uint32_t norm_node = 0;     // takes the NORM offer as this node; 0: never
   bool norm_acks = true;      // acknowledges the NORM file to the sender
   int norm_gives_up = 0;      // NORM sessions it gives up ('2', then it reboots)
+  int copies = 1;             // copies of each answer after the announcement's
+  bool installed_lost = false;  // its '7' never reaches the tool
   std::string mtd = "mtd0: 00080000 00010000 \"boot\"\nmtd1: 00300000 00010000 \"kernel\"\n";
   // What happened to it.
   std::vector<std::string> announced_sessions;
@@ -229,8 +231,10 @@ class fake_lan : public camtool::transport {
       reboot(c, 1.0);
       return;
     }
-    reply(channel::batch, c, 0.2, ack(c, c.session, '5'));
-    reply(channel::batch, c, 2.0, ack(c, c.session, '7'));
+    for (int k = 0; k < c.copies; ++k) {
+      reply(channel::batch, c, 0.2 + 0.02 * k, ack(c, c.session, '5'));
+      if (!c.installed_lost) reply(channel::batch, c, 2.0 + 0.02 * k, ack(c, c.session, '7'));
+    }
     reboot(c, 3.0);
   }
 

@@ -162,7 +162,7 @@ TEST(Upgrade, ASiteTooLargeForOneAnnouncementIsNamedInSeveral) {
   for (const auto& c : lan.cams) EXPECT_EQ(c.announced_sessions.size(), 1u) << c.id;
 }
 
-TEST(Upgrade, HowTheToolTellsARebootFromACameraThatStayedUp) {
+TEST(Upgrade, HowTheToolTellsARebootFromACameraThatStayedUpOrWasNotHeard) {
   // Back too fast for a missed search and without a report: its uptime tells.
   fake_camera quick = cam('a');
   quick.down_for = 0.3;
@@ -171,8 +171,18 @@ TEST(Upgrade, HowTheToolTellsARebootFromACameraThatStayedUp) {
   fake_camera debug = cam('b');
   debug.md5_failures = 1;
   debug.reboots = false;
-  fake_lan lan({quick, debug});
-  run_result r = upgrade(lan, random_bytes(100), to({id_of('a'), id_of('b')}));
+  // Answers three times each, and its '7' is lost: its restart ends the
+  // wait for it, and it does not count as upgraded.
+  fake_camera lost = cam('c');
+  lost.copies = 3;
+  lost.installed_lost = true;
+  fake_lan lan({quick, debug, lost});
+  run_result r = upgrade(lan, random_bytes(100), to({id_of('a'), id_of('b'), id_of('c')}));
+  const json& c = r.by_id[id_of('c')];
+  EXPECT_EQ(c["acks"], json::array({"05"})) << r.log;
+  EXPECT_TRUE(c["rebooted"] && c["back"]) << c.dump() << r.log;
+  EXPECT_FALSE(c["ok"]);
+  EXPECT_EQ(c["outcome"], "back after its reboot, its installation's answer not heard");
   const json& a = r.by_id[id_of('a')];
   EXPECT_TRUE(a["rebooted"] && a["back"] && a["ok"]) << a.dump() << r.log;
   EXPECT_FALSE(a["reported"]);

@@ -301,10 +301,12 @@ exec /bin/busybox md5sum "$@"
 """
 
 
-def test_upgrade_three_cameras_one_stream_md5_retried_a_fourth_left_out(start_camera, lan,
+def test_upgrade_three_cameras_norm_and_stream_md5_retried_a_fourth_left_out(start_camera, lan,
                                                                          camtool, tmp_path):
     no_flag = {"/customer/upgrade_finish_flag": None}
-    a, c, other = (start_camera(files=no_flag) for _ in range(3))
+    # a and b take the file over NORM, c (switched off) as the stream.
+    a, other = (start_camera(files=no_flag) for _ in range(2))
+    c = start_camera(files={**no_flag, "/customer/upgrade.conf": "norm_transfer=0\n"})
     b = start_camera(boot=False, files=no_flag)
     b.write("/usr/bin/md5sum", None)  # the busybox link
     b.write("/usr/bin/md5sum", LYING_MD5SUM, mode=0o755)
@@ -331,7 +333,30 @@ def test_upgrade_three_cameras_one_stream_md5_retried_a_fourth_left_out(start_ca
         assert j["confirmed"], p.stderr
         assert cam.read("/customer/payload.bin") == payload
         cam.wait_file("/customer/upgrade_finish_flag", timeout=10)
+        assert j["transfer"] == ("stream" if cam is c else "norm"), j
     assert "streaming" in p.stderr and "Mbit/s" in p.stderr
     # A camera not named heard the stream and kept out of it.
     assert other.running and "device id is not the same" in other.stderr()
     assert not other.exists("/dev/app_V2.6.0.zip") and not other.exists("/customer/payload.bin")
+
+
+def test_site_at_three_percent_loss_upgraded_in_one_command(start_camera, lan, camtool, tmp_path):
+    cams = [start_camera(files={"/customer/upgrade_finish_flag": None}) for _ in range(5)]
+    payload = os.urandom(1_000_000)
+    fw = tmp_path / "app_V2.6.0.zip"
+    fw.write_bytes(rig.zip_package({"customer/version_file": "V2.6.0",
+                                    "customer/payload.bin": payload}))
+    lan.set_loss(3)
+    with rig.PowerOn(cams) as power:
+        p = camtool("upgrade", fw, "--mode", 1, "--to", ",".join(c.device_id for c in cams),
+                    "--json", timeout=400)
+    lost = lan.lost_packets()
+    lan.set_loss(0)
+    assert not power.failures, (power.failures, p.stderr)
+    assert p.returncode == 0, p.stdout + p.stderr
+    for j in json_lines(p.stdout):
+        assert j["ok"] and j["transfer"] == "norm", (j, p.stderr)
+        assert j["version_after"] == "V2.6.0"
+    assert lost > 0
+    for cam in cams:
+        assert cam.read("/customer/payload.bin") == payload

@@ -32,7 +32,7 @@ LAN grown to each --latency-cameras size.
 
     sudo bench/lossy_site.py [--cameras 20] [--mib 16] [--loss 0,0.1,1,3]
          [--stream-loss 0,0.1] [--rate 50] [--latency-cameras 20 100] [--runs 5]
-         [--parts auto,uftp,stream,latency] [--quick]
+         [--parts auto,uftp,stream,latency] [--quick] [--logs DIR]
          [--bin build/host-release/upgrade] [--camtool build/host-release/camtool/camtool]
 
 --quick: 5 cameras, 4 MiB, loss 0 and 1 %, the stream at 0.1 %, latency on
@@ -40,6 +40,7 @@ the 5 cameras with 2 runs (each unless given explicitly).
 """
 
 import argparse
+import itertools
 import json
 import os
 import shutil
@@ -60,12 +61,13 @@ NORM_GROUP = "239.255.255.253:8010"
 BULK = 1200  # bytes: a packet of the file (NORM 1,400-byte segments, stream
 #              5,120-byte datagrams, uftp 1,400-byte blocks), not control
 TALLY = "lossy_site"
+LOG_NUMBERS = itertools.count(1)
 FULL = dict(cameras=20, mib=16, loss="0,0.1,1,3", stream_loss="0,0.1",
             latency_cameras=[20, 100], runs=5)
 QUICK = dict(cameras=5, mib=4, loss="0,1", stream_loss="0.1", latency_cameras=[5], runs=2)
 KNOWN_FIELDS = {"device_id", "ip", "model", "rounds", "acks", "ready", "md5_ok", "result",
                 "rebooted", "back", "version_before", "version_after", "reported",
-                "confirmed", "outcome", "ok", "transfer"}
+                "confirmed", "outcome", "ok", "transfer", "wire_bytes"}
 
 
 def load():
@@ -196,7 +198,31 @@ def all_up(lan, cams, timeout=300.0):
     return down
 
 
-def camtool_run(lan, tally, camtool, pkg, cams, a, transfer, options):
+def run_stamped(lan, argv, timeout):
+    """Runs argv in the LAN namespace: (exit status, its output, its error
+    lines each after the seconds since the start). One still running at the
+    timeout is killed."""
+    p = subprocess.Popen(["ip", "netns", "exec", lan.name, *argv], stdout=subprocess.PIPE,
+                         stderr=subprocess.PIPE, text=True, start_new_session=True)
+    t0 = time.monotonic()
+    out, err = [], []
+    readers = [threading.Thread(target=lambda: err.extend(
+                   f"{time.monotonic() - t0:7.2f}  {line}" for line in p.stderr), daemon=True),
+               threading.Thread(target=lambda: out.append(p.stdout.read()), daemon=True)]
+    for r in readers:
+        r.start()
+    try:
+        status = p.wait(timeout)
+    except subprocess.TimeoutExpired:
+        os.killpg(p.pid, signal.SIGKILL)
+        p.wait()
+        status = f"killed after {timeout:g} s"
+    for r in readers:
+        r.join(10)
+    return status, "".join(out), "".join(err)
+
+
+def camtool_run(lan, tally, camtool, pkg, cams, a, transfer, options, loss):
     argv = [str(camtool), "upgrade", str(pkg), "--mode", "1", "--json", "--rate", str(a.rate),
             "--to", ",".join(c.device_id for c in cams),
             "--answer-wait", "60", "--back-wait", "900"]
@@ -207,11 +233,14 @@ def camtool_run(lan, tally, camtool, pkg, cams, a, transfer, options):
     tally.reset()
     span = BulkSpan(tally)
     t0 = time.monotonic()
-    p = lan.exec(argv, check=False, timeout=a.timeout)
+    status, out, err = run_stamped(lan, argv, a.timeout)
     took = time.monotonic() - t0
+    if a.logs:
+        name = f"{next(LOG_NUMBERS):02d}-camtool-{transfer}-{loss:g}.log"
+        (a.logs / name).write_text(f"$ {' '.join(argv)}\n{err}\n{out}")
     secs = span.span()
     c = tally.counters()
-    res = [json.loads(line) for line in p.stdout.splitlines() if line.startswith("{")]
+    res = [json.loads(line) for line in out.splitlines() if line.startswith("{")]
     extra = {}
     for r in res:
         for k, v in r.items():
@@ -219,9 +248,13 @@ def camtool_run(lan, tally, camtool, pkg, cams, a, transfer, options):
                 extra.setdefault(k, []).append(v)
     norm = sum(1 for r in res if r.get("transfer") == "norm")
     notes = [f"{k} median {statistics.median(v):.3g}" for k, v in sorted(extra.items())]
-    if p.returncode != 0:
-        tail = [line for line in p.stderr.splitlines() if line.strip()][-3:]
-        notes.append(f"camtool exit {p.returncode}: " + " | ".join(tail))
+    if c["tx_norm_data"][0]:
+        segments = -(-pkg.stat().st_size // lossy_norm.SEGMENT)
+        notes.append(f"NORM data packets {c['tx_norm_data'][0]} for {segments} segments of "
+                     f"{lossy_norm.SEGMENT} bytes")
+    if status != 0:
+        tail = [line for line in err.splitlines() if line.strip()][-3:]
+        notes.append(f"camtool exit {status}: " + " | ".join(tail))
     return {
         "complete": sum(1 for r in res if r.get("ok")),
         "norm": norm if "--transfer" in options else 0,
@@ -229,7 +262,7 @@ def camtool_run(lan, tally, camtool, pkg, cams, a, transfer, options):
         "rounds": max((len(r.get("acks", [])) for r in res), default=0),
         "secs": took, "data_secs": secs,
         "pkts": c["tx_all"][0], "bytes": c["tx_all"][1],
-        "norm_data": c["tx_norm_data"][0], "dropped": c["dropped"][0],
+        "dropped": c["dropped"][0],
         "notes": notes,
     }
 
@@ -305,7 +338,7 @@ def upgrades(session, lan, cams, a, options, log):
             if tool == "uftp":
                 f = uftp_run(lan, tally, cams, work, pkg, want, a)
             else:
-                f = camtool_run(lan, tally, a.camtool, pkg, cams, a, tool.split()[1], options)
+                f = camtool_run(lan, tally, a.camtool, pkg, cams, a, tool.split()[1], options, loss)
             f.update(load=ld, wall=time.monotonic() - t0)
             lan.set_loss(0)
             if loss == 0:
@@ -370,6 +403,7 @@ def main():
     ap.add_argument("--parts", default="auto,uftp,stream,latency",
                     help="what to run, comma-separated: auto, uftp, stream, latency")
     ap.add_argument("--timeout", type=float, default=1800, help="seconds for one camtool upgrade")
+    ap.add_argument("--logs", type=Path, help="keep camtool's output of each run in this folder")
     ap.add_argument("--uftp-timeout", type=float, default=180, help="seconds for one uftp run")
     a = ap.parse_args()
     for k, v in (QUICK if a.quick else FULL).items():
@@ -379,6 +413,8 @@ def main():
     a.stream_losses = [float(x) for x in a.stream_loss.split(",") if x]
     a.parts = set(a.parts.split(","))
     benchrig.need_root()
+    if a.logs:
+        a.logs.mkdir(parents=True, exist_ok=True)
     if a.bin is None or a.camtool is None:
         sys.exit("build the 'upgrade' and 'camtool' targets (host-release) or pass --bin/--camtool")
 

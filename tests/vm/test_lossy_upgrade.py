@@ -34,11 +34,12 @@ pytestmark = pytest.mark.skipif(MISSING is not None, reason=MISSING or "")
 
 
 def upgrade(lan, camtool, cam, package, *flags):
-    """One camtool upgrade of cam (the emulated camera takes about 1 MB/s);
-    its JSON object, the packets the loss switch dropped and camtool's error
-    text."""
+    """One camtool upgrade of cam (the emulated camera takes about 1 MB/s and
+    installs a small package in seconds); its JSON object, the packets the
+    loss switch dropped and camtool's error text."""
     p = lan.exec([camtool, "upgrade", package, "--mode", 1, "--to", cam.device_id, "--json",
-                  "--rate", 8, "--answer-wait", 120, "--back-wait", 600, *flags],
+                  "--rate", 8, "--answer-wait", 120, "--install-wait", 120, "--back-wait", 600,
+                  *flags],
                  check=False, timeout=1200)
     results = [json.loads(line) for line in p.stdout.splitlines() if line.startswith("{")]
     assert len(results) == 1, p.stdout + p.stderr

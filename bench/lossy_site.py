@@ -24,7 +24,11 @@ counters are read every 0.1 s), bytes the tool's side put on the LAN / file
 size, the repair share (packets beyond the same tool's lossless run over all
 its packets, as in lossy_norm.py) and the packets the loss switch dropped.
 The tool's side is counted by nftables in the LAN namespace (IP bytes
-leaving br0, once per packet whatever the number of ports).
+leaving br0, once per packet whatever the number of ports). Below the
+tables, per camtool run: the medians of camtool's own numeric per-camera
+figures (its --json, e.g. its bytes on the wire per file byte), the NORM
+data packets against the file's 1,400-byte segments, and camtool's last
+lines when it did not exit 0.
 
 Then, on the same LAN without loss, camtool's `production`, `query` and
 `confignet` to one camera at a time (command_latency.py's measure), with the

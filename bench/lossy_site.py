@@ -36,7 +36,7 @@ LAN grown to each --latency-cameras size.
 
     sudo bench/lossy_site.py [--cameras 20] [--mib 16] [--loss 0,0.1,1,3]
          [--stream-loss 0,0.1] [--rate 50] [--latency-cameras 20 100] [--runs 5]
-         [--parts auto,uftp,stream,latency] [--quick] [--logs DIR]
+         [--parts auto,uftp,stream,latency] [--quick] [--logs DIR] [--camtool-args "..."]
          [--bin build/host-release/upgrade] [--camtool build/host-release/camtool/camtool]
 
 --quick: 5 cameras, 4 MiB, loss 0 and 1 %, the stream at 0.1 %, latency on
@@ -47,6 +47,7 @@ import argparse
 import itertools
 import json
 import os
+import shlex
 import shutil
 import signal
 import statistics
@@ -229,7 +230,7 @@ def run_stamped(lan, argv, timeout):
 def camtool_run(lan, tally, camtool, pkg, cams, a, transfer, options, loss):
     argv = [str(camtool), "upgrade", str(pkg), "--mode", "1", "--json", "--rate", str(a.rate),
             "--to", ",".join(c.device_id for c in cams),
-            "--answer-wait", "60", "--back-wait", "900"]
+            "--answer-wait", "60", "--back-wait", "900", *shlex.split(a.camtool_args)]
     if "--transfer" in options:
         argv += ["--transfer", transfer]
         if transfer == "auto" and "--norm-group" in options:
@@ -311,7 +312,7 @@ def upgrades(session, lan, cams, a, options, log):
     work.mkdir(exist_ok=True)
     group_port = int(a.norm_group.rsplit(":", 1)[1])
     tally = Tally(lan, group_port)
-    runs, base, rows = [], {}, []
+    base, rows = {}, []
     plan = []
     for loss in a.losses:
         if "auto" in a.parts:
@@ -352,7 +353,6 @@ def upgrades(session, lan, cams, a, options, log):
             print(row, flush=True)
             for note in f["notes"]:
                 log.append(f"{tool} at {loss:g} %: {note}")
-            runs.append((tool, loss, f))
     finally:
         tally.close()
     return rows, size_note
@@ -407,6 +407,8 @@ def main():
     ap.add_argument("--parts", default="auto,uftp,stream,latency",
                     help="what to run, comma-separated: auto, uftp, stream, latency")
     ap.add_argument("--timeout", type=float, default=1800, help="seconds for one camtool upgrade")
+    ap.add_argument("--camtool-args", default="",
+                    help="more camtool upgrade options, e.g. \"--install-wait 120\"")
     ap.add_argument("--logs", type=Path, help="keep camtool's output of each run in this folder")
     ap.add_argument("--uftp-timeout", type=float, default=180, help="seconds for one uftp run")
     a = ap.parse_args()

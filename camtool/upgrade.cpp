@@ -199,6 +199,13 @@ class upgrade_run {
       if (norm_ != nullptr && a->code == wire::ACK_READY && a->norm_node)
         err_ << ", takes NORM (node " << *a->norm_node << ")";
       err_ << "\n";
+      // A verdict or an installation's answer from a camera whose '0' (or
+      // '5') was lost on the way: it took the file (and it matched).
+      const bool after_file = a->code == wire::ACK_MD5_OK || a->code == wire::ACK_MD5_BAD ||
+                              a->code == wire::ACK_INSTALLED || a->code == wire::ACK_ARM_FAILED;
+      if (after_file) c->ready = wire::ACK_READY;
+      if ((a->code == wire::ACK_INSTALLED || a->code == wire::ACK_ARM_FAILED) && c->verdict == 0)
+        c->verdict = wire::ACK_MD5_OK;
       switch (a->code) {
         case wire::ACK_READY:
           c->ready = a->code;

@@ -27,6 +27,7 @@ struct fake_camera {
   std::string id, ip;
   std::string version = "V1.0", new_version = "V2.0";
   char ready_code = '0';      // answer to the announcement
+  bool ready_lost = false;    // its answer never reaches the tool
   double ready_delay = 6.0;   // it stops its programs first
   int md5_failures = 0;       // rounds whose stored file will not match
   double down_for = 5.0;      // seconds between its reboot and its return
@@ -186,7 +187,7 @@ class fake_lan : public camtool::transport {
     c.busy = c.ready_code == '0';
     c.by_norm = c.busy && c.norm_node != 0 && wire::read_transfer_offer(data);
     c.ready_at = camtool::after(now_, c.ready_delay);
-    reply(channel::batch, c, c.ready_delay,
+    if (!c.ready_lost) reply(channel::batch, c, c.ready_delay,
           ack(c, c.session, c.ready_code) + (c.by_norm ? wire::transfer_answer_field(c.norm_node) : ""));
   }
 

@@ -195,15 +195,19 @@ TEST(Upgrade, HowTheToolTellsARebootFromACameraThatStayedUpOrWasNotHeard) {
 // A camera without room or busy with another upgrade is reported and fails
 // the run; a slow one answering our resent announcement busy still upgrades.
 TEST(Upgrade, CamerasThatDoNotTakeTheFileAndASlowOne) {
-  fake_camera slow = cam('a'), full = cam('c'), busy = cam('d');
+  fake_camera slow = cam('a'), full = cam('c'), busy = cam('d'), unheard = cam('e');
   slow.ready_delay = 12.0;  // longer than the resend interval
   full.ready_code = '1';
   busy.ready_code = '9';
-  fake_lan lan({slow, full, busy});
-  run_result r = upgrade(lan, random_bytes(7000), to({id_of('a'), id_of('c'), id_of('d')}));
+  unheard.ready_lost = true;  // takes the file; its '0' is lost, its '9' to the resend heard
+  fake_lan lan({slow, full, busy, unheard});
+  run_result r =
+      upgrade(lan, random_bytes(7000), to({id_of('a'), id_of('c'), id_of('d'), id_of('e')}));
   EXPECT_EQ(r.status, camtool::kExitFailed);
   EXPECT_EQ(r.by_id[id_of('a')]["outcome"], "upgraded") << r.log;
   EXPECT_EQ(r.by_id[id_of('a')]["acks"], json::array({"057"}));
+  EXPECT_EQ(r.by_id[id_of('e')]["outcome"], "upgraded") << r.log;
+  EXPECT_TRUE(r.by_id[id_of('e')]["ok"]);
   EXPECT_EQ(r.by_id[id_of('c')]["outcome"], "not enough space in /dev");
   EXPECT_EQ(r.by_id[id_of('d')]["outcome"], "busy with another upgrade");
 }

@@ -24,7 +24,11 @@ constexpr double kDownGap = 2.0;
 // A camera still answering with its old uptime this long after a bad md5
 // did not reboot (a camera started in debug mode keeps running).
 constexpr double kRebootGrace = 15.0;
-constexpr double kAnnounceResend = 10.0;
+// The announcement goes out twice at first (a lost one would cost a
+// camera the resend wait; the copy is answered '9' after the '0'), then
+// again to the silent cameras every kAnnounceResend.
+constexpr double kAnnounceResend = 7.0;
+constexpr double kAnnounceCopyGap = 0.05;
 // The longest wait for the other cameras' answers once one camera took the
 // NORM offer: well inside the time it waits for NORM data (30 s by default).
 constexpr double kNormAnswerGrace = 10.0;
@@ -332,11 +336,15 @@ class upgrade_run {
       // The offer goes to every camera but those whose NORM transfer failed before.
       std::vector<std::string> offered, not_offered;
       for (const std::string& id : silent) (camera(id)->stream_only ? not_offered : offered).push_back(id);
-      for (bool offer : {true, false})
-        for (const std::string& a : split_batch(offer ? offered : not_offered, [&](const auto& ids) {
-               return announcement(ids, offer);
-             }))
-          net_.send(channel::batch, a);
+      const int copies = net_.now() == start ? 2 : 1;
+      for (int copy = 0; copy < copies; ++copy) {
+        if (copy > 0) wait_until(after(net_.now(), kAnnounceCopyGap));
+        for (bool offer : {true, false})
+          for (const std::string& a : split_batch(offer ? offered : not_offered, [&](const auto& ids) {
+                 return announcement(ids, offer);
+               }))
+            net_.send(channel::batch, a);
+      }
       time_point next = std::min(deadline(), after(net_.now(), kAnnounceResend));
       while (net_.now() < next) {
         auto d = net_.receive(next);

@@ -104,11 +104,14 @@ class fake_lan : public camtool::transport {
       if (is_packet(s.data)) out.push_back(*wire::parse_packet(s.data.data(), s.data.size()));
     return out;
   }
-  // The announcements sent, in order.
-  std::vector<std::string> announcements() const {
+  // The announcements sent, in order, each once (the tool sends a round's
+  // first ones twice and resends to silent cameras); `all` counts every copy.
+  std::vector<std::string> announcements(bool all = false) const {
     std::vector<std::string> out;
     for (const auto& s : sent)
-      if (s.data.find("File md5:") != std::string::npos) out.push_back(s.data);
+      if (s.data.find("File md5:") != std::string::npos &&
+          (all || std::find(out.begin(), out.end(), s.data) == out.end()))
+        out.push_back(s.data);
     return out;
   }
 

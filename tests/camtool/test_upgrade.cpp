@@ -127,6 +127,7 @@ TEST(Upgrade, AnnouncesAgainOnlyToCamerasWhoseMd5Failed) {
   // The second announcement names the failed camera alone, in a new session.
   std::vector<std::string> announcements = lan.announcements();
   ASSERT_EQ(announcements.size(), 2u);
+  EXPECT_EQ(lan.announcements(true).size(), 4u) << "each round announces twice";
   EXPECT_NE(announcements[0].find("Device ID:0003"), std::string::npos);
   EXPECT_NE(announcements[1].find("Device ID:0001" + id_of('b') + "\r\n"), std::string::npos);
   ASSERT_EQ(lan.cams[1].announced_sessions.size(), 2u);

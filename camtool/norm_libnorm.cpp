@@ -81,7 +81,10 @@ class libnorm_sender : public norm_sender {
     rounds_ = 1;
     over_ = false;
     copy(file);
-    instance_ = NormCreateInstance(false);
+    // The protocol thread paces the packets: raised to real-time priority
+    // where the system allows it (root or CAP_SYS_NICE), it keeps the rate
+    // on a busy machine; elsewhere it runs as any thread.
+    instance_ = NormCreateInstance(true);
     if (instance_ == NORM_INSTANCE_INVALID) fail("no NORM instance");
     session_ = NormCreateSession(instance_, dotted(group.group).c_str(), group.port, sender_id());
     if (session_ == NORM_SESSION_INVALID) fail("no NORM session on " + dotted(group.group));

@@ -28,6 +28,9 @@ constexpr double kRebootGrace = 15.0;
 // camera the resend wait; the copy is answered '9' after the '0'), then
 // again to the silent cameras every kAnnounceResend.
 constexpr double kAnnounceResend = 7.0;
+// A camera back after its installation whose report was not heard this
+// long is confirmed unasked (its report goes out once, right at its start).
+constexpr double kReportGrace = 2.0;
 constexpr double kAnnounceCopyGap = 0.05;
 // The longest wait for the other cameras' answers once one camera took the
 // NORM offer: well inside the time it waits for NORM data (30 s by default).
@@ -285,6 +288,18 @@ class upgrade_run {
     }
   }
 
+  // A camera back from its installation sends its report once and waits
+  // for the confirmation without end; a report lost on the way is
+  // confirmed unasked (three copies) a moment after the camera is back.
+  void confirm_unheard_report(camera_state& c, time_point now) {
+    if (c.result != wire::ACK_INSTALLED || !c.back || c.reported || c.confirmed ||
+        between(c.back_at, now) < std::min(o_.report_wait, kReportGrace))
+      return;
+    for (int i = 0; i < 3; ++i) net_.send(channel::status, wire::status_confirmation(c.id, client_));
+    c.confirmed = true;
+    err_ << "  " << c.id << ": no post-upgrade report heard; confirmed unasked\n";
+  }
+
   // A camera that restarted after its '5' without an installation answer
   // heard: the answer was lost (every installation ends in a reboot).
   void installation_answer_lost(camera_state& c, time_point now) {
@@ -422,7 +437,8 @@ class upgrade_run {
     if (c.verdict == wire::ACK_MD5_OK && c.result == 0 && !c.back)
       return between(c.verdict_at, now) > o_.install_wait;
     if (!c.back) return between(c.ended, now) > o_.back_wait;
-    if (c.result == wire::ACK_INSTALLED && !c.reported) return between(c.back_at, now) > o_.report_wait;
+    if (c.result == wire::ACK_INSTALLED && !c.reported && !c.confirmed)
+      return between(c.back_at, now) > o_.report_wait;
     return true;
   }
 
@@ -434,6 +450,7 @@ class upgrade_run {
       time_point now = net_.now();
       bool all = true;
       for (camera_state* c : ready) {
+        confirm_unheard_report(*c, now);
         if (c->expect_reboot && !c->went_down &&
             between(std::max(c->last_answer, c->ended), now) >= kDownGap) {
           c->went_down = true;

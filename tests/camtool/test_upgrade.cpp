@@ -186,7 +186,10 @@ TEST(Upgrade, HowTheToolTellsARebootFromACameraThatStayedUpOrWasNotHeard) {
   EXPECT_EQ(c["outcome"], "back after its reboot, its installation's answer not heard");
   const json& a = r.by_id[id_of('a')];
   EXPECT_TRUE(a["rebooted"] && a["back"] && a["ok"]) << a.dump() << r.log;
+  // Its report was not heard: confirmed unasked, so it stops waiting.
   EXPECT_FALSE(a["reported"]);
+  EXPECT_TRUE(a["confirmed"]);
+  EXPECT_TRUE(lan.cams[0].confirmed);
   const json& b = r.by_id[id_of('b')];
   EXPECT_EQ(b["acks"], json::array({"06", "057"})) << r.log;
   EXPECT_FALSE(b["rebooted"]);
